@@ -1,0 +1,72 @@
+// Voice-processing set-up, between opening the stream and starting it:
+// rate converters, the echo canceller and its companions, the echo delay
+// and the buffers the pipeline fills per 10 ms block.
+#include "taudio2universaldevice_p.h"
+
+#include <shared/debugstream.h>
+#include <taudio2base/taudio2deviceinfo.h>
+
+#include <webrtc/modules/audio_processing/include/audio_processing.h>
+
+#include <algorithm>
+
+namespace tamrel {
+
+void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfiguration& configuration)
+{
+    // With equal rates no converter is used; an earlier stream's stay idle.
+    if (m_deviceSampleRate != m_sampleRate) {
+        if (m_captureChannels != 0) {
+            m_captureResampler.reset(new Resampler(static_cast<int>(m_deviceSampleRate), static_cast<int>(m_sampleRate),
+                                                   static_cast<int>(m_captureChannels)));
+            m_captureResampler->prepare(m_deviceChunkFrames, m_chunkFrames);
+        }
+        // Sized for the client's channel layout, as the client delivers it.
+        m_playbackResampler.reset(new Resampler(static_cast<int>(m_sampleRate), static_cast<int>(m_deviceSampleRate),
+                                                static_cast<int>(m_clientPlaybackChannels)));
+        m_playbackResampler->prepare(m_chunkFrames, m_deviceChunkFrames);
+    }
+
+    if (!m_useVoicePreprocessor)
+        return;
+
+    // A fresh module per stream: no canceller state carries over.
+    m_apm.reset(webrtc::AudioProcessing::Create());
+    m_apm->high_pass_filter()->Enable(true);
+    m_apm->echo_cancellation()->enable_drift_compensation(false);
+    m_apm->echo_cancellation()->Enable(true);
+    m_apm->echo_cancellation()->set_suppression_level(webrtc::EchoCancellation::kHighSuppression);
+    m_apm->gain_control()->set_mode(webrtc::GainControl::kFixedDigital);
+    m_apm->gain_control()->Enable(true);
+    m_apm->noise_suppression()->set_level(webrtc::NoiseSuppression::kHigh);
+    m_apm->noise_suppression()->Enable(true);
+    m_apm->voice_detection()->Enable(false);
+
+    // A two-channel output goes through the desktop mixer, whose delay is
+    // measured rather than derived from the period.
+    if (m_playbackChannels == 2)
+        m_aecDelay = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
+
+    debug("audio2", 0, false) << "Universal device buffer period=" << m_minPeriodMs
+                              << ", pimpl->m_aecDelay=" << static_cast<unsigned>(m_aecDelay);
+
+    // The per-block stream delay stays 0, so this offset is the whole delay
+    // the canceller assumes.
+    m_apm->set_delay_offset_ms(m_aecDelay);
+
+    m_captureFrameId = 0;
+    m_captureTimestamp = 0;
+    m_reverseFrameId = 0;
+    m_reverseTimestamp = 0;
+    m_apmFrameSamples = m_sampleRate * static_cast<uint32_t>(m_apmFrameMs) / 1000u;
+
+    m_processedCapture.resize(2u * m_chunkFrames);
+    m_reverseMono.resize(m_apmFrameSamples);
+    std::fill(m_processedCapture.begin(), m_processedCapture.end(), 0);
+    std::fill(m_reverseMono.begin(), m_reverseMono.end(), 0);
+
+    if (configuration.measureAec)
+        openRecordings();
+}
+
+} // namespace tamrel

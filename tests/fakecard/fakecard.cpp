@@ -1,0 +1,170 @@
+#include "fakecard.h"
+
+namespace fakecard {
+
+Card& card()
+{
+    static Card instance;
+    return instance;
+}
+
+void reset()
+{
+    card() = Card();
+}
+
+int deliver(void* output, void* input, unsigned frames)
+{
+    const Opened& o = card().opened;
+    return o.callback(output, input, frames, 0.0, 0, o.userData);
+}
+
+namespace {
+
+void count(Call call)
+{
+    ++card().calls[call];
+    const auto it = card().failures.find(call);
+    if (it != card().failures.end() && call != Call::DeviceInfo)
+        throw RtAudioError(it->second, RtAudioError::DRIVER_ERROR);
+}
+
+class FakeApi : public RtApi {
+public:
+    RtAudio::Api getCurrentApi() override { return RtAudio::RTAUDIO_DUMMY; }
+
+    unsigned int getDeviceCount() override
+    {
+        count(Call::DeviceCount);
+        return static_cast<unsigned>(card().devices.size());
+    }
+
+    RtAudio::DeviceInfo getDeviceInfo(unsigned int index) override
+    {
+        count(Call::DeviceInfo);
+        const auto failure = card().failures.find(Call::DeviceInfo);
+        if (failure != card().failures.end() &&
+            (card().failingDeviceIndex < 0 || static_cast<unsigned>(card().failingDeviceIndex) == index))
+            throw RtAudioError(failure->second, RtAudioError::INVALID_USE);
+        if (index >= card().devices.size())
+            throw RtAudioError("RtApiFake::getDeviceInfo: device ID is invalid!", RtAudioError::INVALID_USE);
+        const Device& d = card().devices[index];
+        RtAudio::DeviceInfo info;
+        info.probed = d.probed;
+        info.name = d.name;
+        info.outputChannels = d.outputChannels;
+        info.inputChannels = d.inputChannels;
+        info.duplexChannels = d.duplexChannels;
+        info.isDefaultOutput = index == card().defaultOutput;
+        info.isDefaultInput = index == card().defaultInput;
+        info.sampleRates = d.sampleRates;
+        return info;
+    }
+
+    unsigned int getDefaultInputDevice() override
+    {
+        count(Call::DefaultInput);
+        return card().defaultInput;
+    }
+
+    unsigned int getDefaultOutputDevice() override
+    {
+        count(Call::DefaultOutput);
+        return card().defaultOutput;
+    }
+
+    void startStream() override
+    {
+        count(Call::StartStream);
+        stream_.state = STREAM_RUNNING;
+        card().streamRunning = true;
+        if (card().duringStart)
+            card().duringStart();
+    }
+
+    void stopStream() override
+    {
+        count(Call::StopStream);
+        stream_.state = STREAM_STOPPED;
+        card().streamRunning = false;
+    }
+
+    void abortStream() override { stopStream(); }
+
+    void closeStream() override
+    {
+        count(Call::CloseStream);
+        stream_.state = STREAM_CLOSED;
+        card().streamOpen = false;
+        card().streamRunning = false;
+    }
+
+    void open(RtAudio::StreamParameters* outputParameters, RtAudio::StreamParameters* inputParameters,
+              RtAudioFormat format, unsigned int sampleRate, unsigned int* bufferFrames, RtAudioCallback callback,
+              void* userData, RtAudio::StreamOptions* options, RtAudioErrorCallback errorCallback)
+    {
+        Opened o;
+        o.hasOutput = outputParameters != nullptr;
+        if (outputParameters)
+            o.output = *outputParameters;
+        o.hasInput = inputParameters != nullptr;
+        if (inputParameters)
+            o.input = *inputParameters;
+        o.format = format;
+        o.sampleRate = sampleRate;
+        o.bufferFrames = *bufferFrames;
+        o.callback = callback;
+        o.userData = userData;
+        o.hasOptions = options != nullptr;
+        if (options)
+            o.options = *options;
+        o.errorCallback = errorCallback;
+        card().opened = o;
+        count(Call::OpenStream);
+        if (card().grantedBufferFrames)
+            *bufferFrames = card().grantedBufferFrames;
+        stream_.state = STREAM_STOPPED;
+        card().streamOpen = true;
+    }
+};
+
+} // namespace
+} // namespace fakecard
+
+// The parts of RtAudio's interface that are not inline in its header.
+
+RtAudio::RtAudio(RtAudio::Api) : rtapi_(new fakecard::FakeApi()) {}
+
+RtAudio::~RtAudio()
+{
+    delete rtapi_;
+}
+
+void RtAudio::openStream(RtAudio::StreamParameters* outputParameters, RtAudio::StreamParameters* inputParameters,
+                         RtAudioFormat format, unsigned int sampleRate, unsigned int* bufferFrames,
+                         RtAudioCallback callback, void* userData, RtAudio::StreamOptions* options,
+                         RtAudioErrorCallback errorCallback)
+{
+    static_cast<fakecard::FakeApi*>(rtapi_)->open(outputParameters, inputParameters, format, sampleRate, bufferFrames,
+                                                  callback, userData, options, errorCallback);
+}
+
+RtApi::RtApi() : showWarnings_(true), firstErrorOccurred_(false)
+{
+    stream_.state = STREAM_CLOSED;
+    stream_.mode = UNINITIALIZED;
+}
+
+RtApi::~RtApi() = default;
+
+unsigned int RtApi::getDefaultInputDevice() { return 0; }
+unsigned int RtApi::getDefaultOutputDevice() { return 0; }
+void RtApi::closeStream() {}
+double RtApi::getStreamTime() { return 0.0; }
+void RtApi::setStreamTime(double) {}
+
+bool RtApi::probeDeviceOpen(unsigned int, StreamMode, unsigned int, unsigned int, unsigned int, RtAudioFormat,
+                            unsigned int*, RtAudio::StreamOptions*)
+{
+    return FAILURE;
+}

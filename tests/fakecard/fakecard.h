@@ -1,0 +1,70 @@
+// A scripted sound card behind RtAudio's own interface, linked into the
+// tests instead of the real library. A test describes the devices, makes
+// chosen calls fail, reads back what was opened and delivers callbacks on
+// its own thread.
+#pragma once
+
+#include <rtaudio/RtAudio.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace fakecard {
+
+enum class Call { DeviceCount, DeviceInfo, DefaultInput, DefaultOutput, OpenStream, StartStream, StopStream, CloseStream };
+
+struct Device {
+    std::string name;
+    unsigned outputChannels = 0;
+    unsigned inputChannels = 0;
+    unsigned duplexChannels = 0;
+    std::vector<unsigned> sampleRates{48000};
+    bool probed = true;
+};
+
+// What the last openStream() was given.
+struct Opened {
+    bool hasOutput = false;
+    RtAudio::StreamParameters output;
+    bool hasInput = false;
+    RtAudio::StreamParameters input;
+    RtAudioFormat format = 0;
+    unsigned sampleRate = 0;
+    unsigned bufferFrames = 0;   // as requested, before any change
+    RtAudioCallback callback = nullptr;
+    void* userData = nullptr;
+    bool hasOptions = false;
+    RtAudio::StreamOptions options;
+    RtAudioErrorCallback errorCallback = nullptr;
+};
+
+struct Card {
+    std::vector<Device> devices;
+    unsigned defaultInput = 0;
+    unsigned defaultOutput = 0;
+
+    // A call listed here throws RtAudioError with the message; for
+    // DeviceInfo only when asked for failingDeviceIndex (-1: any index).
+    std::map<Call, std::string> failures;
+    int failingDeviceIndex = -1;
+
+    unsigned grantedBufferFrames = 0;           // non-zero: written back by openStream
+    std::function<void()> duringStart;          // runs inside startStream(), after the state change
+
+    Opened opened;
+    std::map<Call, int> calls;
+    bool streamOpen = false;
+    bool streamRunning = false;
+};
+
+// The one scripted system every RtAudio object of the process sees.
+Card& card();
+void reset();
+
+// Calls the callback of the most recently opened stream with its user data,
+// as the sound layer's thread would; returns what the callback returned.
+int deliver(void* output, void* input, unsigned frames);
+
+} // namespace fakecard
