@@ -35,6 +35,8 @@ public:
     TAudio2UniversalDevice_p();
 
     static TAudio2UniversalDevice_p& of(TAudio2UniversalDevice& device) { return *device.d; }
+    // For tests: the device's voice-preprocessor flag, which nothing in the library clears.
+    static bool& voicePreprocessorFlag(TAudio2UniversalDevice& device) { return device.m_hasVoicePreprocessor; }
 
     // Enter or remove a device in the registry below.
     static void registerDevice(TAudio2UniversalDevice& device);

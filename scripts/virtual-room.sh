@@ -1,0 +1,428 @@
+#!/usr/bin/env bash
+# virtual-room.sh - a private PulseAudio server that behaves like a small room:
+# whatever is played on its speaker comes back, delayed and quieter, on its
+# microphone, mixed with an optional near-end talker.  Lets the duplex device
+# and its echo canceller run against real sound on a machine without a card.
+#
+#   scripts/virtual-room.sh start [--echo-ms N] [--echo-volume PCT]
+#                                 [--talker WAV [--talker-after SEC] [--talker-loop]]
+#   scripts/virtual-room.sh env          # prints export lines: eval "$(... env)"
+#   scripts/virtual-room.sh talk WAV [--after SEC] [--loop]
+#   scripts/virtual-room.sh status
+#   scripts/virtual-room.sh stop
+#
+# Sourcing the file (". scripts/virtual-room.sh") only defines the function
+# virtual_room, which takes the same commands; called that way, "start" also
+# exports the room's environment into the calling shell and "stop" restores it.
+#
+# Signal path:
+#   client playback -> sink "speaker" (default sink)
+#   speaker.monitor -> module-loopback (latency N ms, volume PCT) -> sink "nearend"
+#   talker WAV      -> paplay -> sink "nearend"
+#   nearend.monitor -> module-remap-source "mic" (default source) -> client capture
+# The microphone is a remapped source rather than the bare monitor so that it is
+# an ordinary (non-monitor) capture device with a readable description.
+#
+# The state file ($VIRTUAL_ROOM_STATE, default /tmp/virtual-room-UID.state)
+# points at the room's private directory; set VIRTUAL_ROOM_STATE to run several
+# independent rooms side by side (e.g. one per test process).
+#
+# Exit status: 0 success (also "stop" when nothing runs), 1 failure, 2 usage error.
+
+_VR_SPEAKER=speaker
+_VR_NEAREND=nearend
+_VR_MIC=mic
+_VR_SPEAKER_DESC="Room speaker"
+_VR_NEAREND_DESC="Room near-end talker"
+_VR_MIC_DESC="Room microphone"
+_VR_RATE=48000
+_VR_DEFAULT_ECHO_MS=40
+# pactl volumes are cubic: 50% is -18 dB, a plausible laptop speaker-to-mic loss.
+_VR_DEFAULT_ECHO_VOLUME=50
+
+_vr_err() { echo "virtual-room: $*" >&2; }
+
+_vr_state_file() {
+  echo "${VIRTUAL_ROOM_STATE:-/tmp/virtual-room-$(id -u).state}"
+}
+
+_vr_check_tools() {
+  local t missing=()
+  for t in pulseaudio pactl pacat paplay setsid; do
+    command -v "$t" >/dev/null 2>&1 || missing+=("$t")
+  done
+  if [ ${#missing[@]} -gt 0 ]; then
+    _vr_err "cannot run a virtual room: missing ${missing[*]}" \
+      "(install the Debian packages pulseaudio and pulseaudio-utils, e.g. scripts/setup.sh)"
+    return 1
+  fi
+}
+
+# Runs a PulseAudio client against the room only, whatever the caller's environment.
+_vr_client() {
+  env XDG_RUNTIME_DIR="$VR_DIR" PULSE_SERVER="unix:$VR_DIR/pulse/native" \
+      PULSE_CLIENTCONFIG="$VR_DIR/client.conf" "$@"
+}
+
+_vr_pactl() { _vr_client pactl "$@"; }
+
+# Serialises start/stop/talk of one room; without flock we simply go unlocked.
+_vr_lock() {
+  command -v flock >/dev/null 2>&1 || return 0
+  exec {_VR_LOCK_FD}>"$(_vr_state_file).lock" || return 0
+  flock -w 30 "$_VR_LOCK_FD" || _vr_err "could not lock $(_vr_state_file).lock, going on"
+}
+
+_vr_unlock() {
+  [ -n "${_VR_LOCK_FD:-}" ] || return 0
+  exec {_VR_LOCK_FD}>&-
+  unset _VR_LOCK_FD
+}
+
+_vr_load_state() {
+  VR_DIR="" VR_PID="" VR_ECHO_MODULE="" VR_ECHO_MS="" VR_ECHO_VOLUME=""
+  local f key value
+  f=$(_vr_state_file)
+  [ -r "$f" ] || return 1
+  while IFS='=' read -r key value; do
+    case "$key" in
+      dir) VR_DIR=$value ;;
+      pid) VR_PID=$value ;;
+      echo_module) VR_ECHO_MODULE=$value ;;
+      echo_ms) VR_ECHO_MS=$value ;;
+      echo_volume) VR_ECHO_VOLUME=$value ;;
+    esac
+  done <"$f"
+  [ -n "$VR_DIR" ]
+}
+
+_vr_save_state() {
+  local f tmp
+  f=$(_vr_state_file)
+  tmp="$f.$$"
+  printf 'dir=%s\npid=%s\necho_module=%s\necho_ms=%s\necho_volume=%s\n' \
+    "$VR_DIR" "$VR_PID" "$VR_ECHO_MODULE" "$VR_ECHO_MS" "$VR_ECHO_VOLUME" >"$tmp" &&
+    mv -f "$tmp" "$f"
+}
+
+# True when $1 is a live pulseaudio process (guards against a recycled pid).
+_vr_is_pulse_pid() {
+  [ -n "$1" ] && [ -r "/proc/$1/comm" ] && [ "$(cat "/proc/$1/comm" 2>/dev/null)" = pulseaudio ]
+}
+
+_vr_running() {
+  _vr_load_state || return 1
+  _vr_is_pulse_pid "$VR_PID" || return 1
+  _vr_pactl info >/dev/null 2>&1
+}
+
+_vr_is_uint() { case "$1" in ''|*[!0-9]*) return 1 ;; *) return 0 ;; esac; }
+_vr_is_seconds() { [[ "$1" =~ ^[0-9]+(\.[0-9]+)?$ ]]; }
+
+# (Re)creates the speaker-to-microphone echo path with the given delay and volume.
+_vr_set_echo() {
+  local ms=$1 volume=$2 module input
+  if [ -n "$VR_ECHO_MODULE" ]; then
+    _vr_pactl unload-module "$VR_ECHO_MODULE" >/dev/null 2>&1
+    VR_ECHO_MODULE=""
+  fi
+  module=$(_vr_pactl load-module module-loopback source="$_VR_SPEAKER.monitor" \
+    sink="$_VR_NEAREND" latency_msec="$ms" source_dont_move=true sink_dont_move=true \
+    "sink_input_properties=\"media.name='Room echo path'\"") || {
+    _vr_err "could not create the echo path (module-loopback latency_msec=$ms)"
+    return 1
+  }
+  input=$(_vr_pactl list sink-inputs | awk -v m="$module" '
+    /^Sink Input #/ { id = substr($3, 2) }
+    /Owner Module:/ { if ($3 == m) { print id; exit } }')
+  if [ -z "$input" ] || ! _vr_pactl set-sink-input-volume "$input" "$volume%"; then
+    _vr_err "could not set the echo volume to $volume%"
+    _vr_pactl unload-module "$module" >/dev/null 2>&1
+    return 1
+  fi
+  VR_ECHO_MODULE=$module VR_ECHO_MS=$ms VR_ECHO_VOLUME=$volume
+  _vr_save_state
+}
+
+_vr_print_devices() {
+  echo "virtual room running (pulseaudio pid $VR_PID, echo ${VR_ECHO_MS} ms at ${VR_ECHO_VOLUME}% volume)"
+  echo "  speaker, default sink:        \"$_VR_SPEAKER_DESC\" ($_VR_SPEAKER)"
+  echo "  microphone, default source:   \"$_VR_MIC_DESC\" ($_VR_MIC)"
+  echo "  near-end talker sink:         \"$_VR_NEAREND_DESC\" ($_VR_NEAREND)"
+  echo "  server: unix:$VR_DIR/pulse/native"
+}
+
+_vr_start_server() {
+  local base
+  base=${TMPDIR:-/tmp}
+  # The server's socket path must fit a sockaddr_un (108 bytes).
+  [ ${#base} -le 70 ] || base=/tmp
+  VR_DIR=$(mktemp -d "$base/virtual-room.XXXXXX") || { _vr_err "mktemp failed in $base"; return 1; }
+  VR_PID="" VR_ECHO_MODULE="" VR_ECHO_MS="" VR_ECHO_VOLUME=""
+  mkdir -p "$VR_DIR/state"
+  # Clients of the room must never autospawn some other server when it is gone.
+  echo "autospawn = no" >"$VR_DIR/client.conf"
+  _vr_save_state || { _vr_err "cannot write $(_vr_state_file)"; return 1; }
+
+  env XDG_RUNTIME_DIR="$VR_DIR" PULSE_STATE_PATH="$VR_DIR/state" \
+      PULSE_CLIENTCONFIG="$VR_DIR/client.conf" \
+    pulseaudio --daemonize=yes --system=no -n --exit-idle-time=-1 \
+      --realtime=no --high-priority=no --use-pid-file=yes \
+      --log-target="newfile:$VR_DIR/pulseaudio.log" \
+      --load="module-native-protocol-unix auth-anonymous=1" \
+      </dev/null >/dev/null 2>&1
+  for _ in $(seq 50); do
+    [ -s "$VR_DIR/pulse/pid" ] && VR_PID=$(cat "$VR_DIR/pulse/pid") &&
+      _vr_pactl info >/dev/null 2>&1 && break
+    VR_PID=""
+    sleep 0.1
+  done
+  if [ -z "$VR_PID" ]; then
+    _vr_err "pulseaudio did not come up; its log ($VR_DIR/pulseaudio.log):"
+    tail -n 20 "$VR_DIR/pulseaudio.log" >&2 2>/dev/null
+    return 1
+  fi
+  _vr_save_state
+}
+
+_vr_build_room() {
+  local ms=$1 volume=$2
+  if ! { _vr_pactl load-module module-null-sink sink_name="$_VR_SPEAKER" rate=$_VR_RATE channels=2 \
+           "sink_properties=\"device.description='$_VR_SPEAKER_DESC'\"" >/dev/null &&
+         _vr_pactl load-module module-null-sink sink_name="$_VR_NEAREND" rate=$_VR_RATE channels=1 \
+           "sink_properties=\"device.description='$_VR_NEAREND_DESC'\"" >/dev/null &&
+         _vr_pactl load-module module-remap-source source_name="$_VR_MIC" master="$_VR_NEAREND.monitor" \
+           "source_properties=\"device.description='$_VR_MIC_DESC'\"" >/dev/null &&
+         _vr_pactl set-default-sink "$_VR_SPEAKER" &&
+         _vr_pactl set-default-source "$_VR_MIC"; }; then
+    _vr_err "could not build the room's devices; see $VR_DIR/pulseaudio.log"
+    return 1
+  fi
+  _vr_set_echo "$ms" "$volume" || return 1
+  # A fresh server's first stream stalls for about 2 s after its first
+  # callback; take that hit here instead of in the device under test.
+  head -c $((_VR_RATE * 2 * 2 * 3 / 10)) /dev/zero |
+    _vr_client timeout 10 pacat --raw --device="$_VR_SPEAKER" --rate=$_VR_RATE \
+      --channels=2 --format=s16le --client-name=virtual-room-prime ||
+    _vr_err "priming the speaker with silence failed (the first stream may stall)"
+  return 0
+}
+
+_vr_export_env() {
+  if [ -z "${VIRTUAL_ROOM_SAVED_ENV+x}" ]; then
+    VIRTUAL_ROOM_SAVED_ENV="${XDG_RUNTIME_DIR-__unset__}|${PULSE_SERVER-__unset__}"
+  fi
+  export XDG_RUNTIME_DIR="$VR_DIR" PULSE_SERVER="unix:$VR_DIR/pulse/native"
+}
+
+_vr_restore_env() {
+  [ -n "${VIRTUAL_ROOM_SAVED_ENV+x}" ] || return 0
+  local xdg=${VIRTUAL_ROOM_SAVED_ENV%%|*} server=${VIRTUAL_ROOM_SAVED_ENV#*|}
+  if [ "$xdg" = __unset__ ]; then unset XDG_RUNTIME_DIR; else export XDG_RUNTIME_DIR="$xdg"; fi
+  if [ "$server" = __unset__ ]; then unset PULSE_SERVER; else export PULSE_SERVER="$server"; fi
+  unset VIRTUAL_ROOM_SAVED_ENV
+}
+
+_vr_cmd_start() {
+  local ms=$_VR_DEFAULT_ECHO_MS volume=$_VR_DEFAULT_ECHO_VOLUME echo_given=0
+  local talker="" talker_after=0 talker_loop=0
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      --echo-ms) ms=${2-}; echo_given=1; shift 2 || { _vr_err "--echo-ms needs a value"; return 2; } ;;
+      --echo-volume) volume=${2-}; echo_given=1; shift 2 || { _vr_err "--echo-volume needs a value"; return 2; } ;;
+      --talker) talker=${2-}; shift 2 || { _vr_err "--talker needs a WAV file"; return 2; } ;;
+      --talker-after) talker_after=${2-}; shift 2 || { _vr_err "--talker-after needs seconds"; return 2; } ;;
+      --talker-loop) talker_loop=1; shift ;;
+      *) _vr_err "start: unknown option '$1'"; return 2 ;;
+    esac
+  done
+  if ! _vr_is_uint "$ms" || [ "$ms" -lt 1 ] || [ "$ms" -gt 2000 ]; then
+    _vr_err "--echo-ms must be a whole number of milliseconds, 1..2000 (got '$ms')"; return 2
+  fi
+  if ! _vr_is_uint "$volume" || [ "$volume" -gt 100 ]; then
+    _vr_err "--echo-volume must be a percentage, 0..100 (got '$volume')"; return 2
+  fi
+  if [ -n "$talker" ] && [ ! -r "$talker" ]; then
+    _vr_err "talker file '$talker' is not readable"; return 2
+  fi
+  _vr_is_seconds "$talker_after" || { _vr_err "--talker-after must be seconds (got '$talker_after')"; return 2; }
+  _vr_check_tools || return 1
+
+  _vr_lock
+  if _vr_running; then
+    if [ "$echo_given" = 1 ] && { [ "$ms" != "$VR_ECHO_MS" ] || [ "$volume" != "$VR_ECHO_VOLUME" ]; }; then
+      _vr_set_echo "$ms" "$volume" || { _vr_unlock; return 1; }
+    fi
+    echo "virtual room already running; reusing it"
+  else
+    _vr_stop_quietly
+    if ! _vr_start_server || ! _vr_build_room "$ms" "$volume"; then
+      _vr_stop_quietly
+      _vr_unlock
+      return 1
+    fi
+  fi
+  _vr_unlock
+  _vr_print_devices
+  if [ -n "$talker" ]; then
+    local opts=(--after "$talker_after")
+    [ "$talker_loop" = 1 ] && opts+=(--loop)
+    _vr_cmd_talk "$talker" "${opts[@]}" || return 1
+  fi
+  return 0
+}
+
+_vr_cmd_env() {
+  if ! _vr_running; then
+    _vr_err "no virtual room is running (start one with: scripts/virtual-room.sh start)"
+    return 1
+  fi
+  printf 'export XDG_RUNTIME_DIR=%q\n' "$VR_DIR"
+  printf 'export PULSE_SERVER=%q\n' "unix:$VR_DIR/pulse/native"
+}
+
+_vr_cmd_talk() {
+  local wav="" after=0 loop=0 pid
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      --after) after=${2-}; shift 2 || { _vr_err "--after needs seconds"; return 2; } ;;
+      --loop) loop=1; shift ;;
+      -*) _vr_err "talk: unknown option '$1'"; return 2 ;;
+      *) [ -z "$wav" ] || { _vr_err "talk takes one WAV file"; return 2; }; wav=$1; shift ;;
+    esac
+  done
+  [ -n "$wav" ] || { _vr_err "usage: virtual-room.sh talk WAV [--after SEC] [--loop]"; return 2; }
+  [ -r "$wav" ] || { _vr_err "talker file '$wav' is not readable"; return 2; }
+  _vr_is_seconds "$after" || { _vr_err "--after must be seconds (got '$after')"; return 2; }
+  _vr_running || { _vr_err "no virtual room is running"; return 1; }
+
+  # Own session and process group, so that stop can end the loop and its
+  # paplay together; no file descriptor of the caller is kept open.
+  local pidfile="$VR_DIR/talker.$$.$RANDOM.pid"
+  # shellcheck disable=SC2016  # the inner script expands its own arguments
+  _vr_client setsid bash -c '
+      echo $$ >"$1"
+      sleep "$2"
+      while :; do
+        paplay --device="$3" --client-name=virtual-room-talker "$4" || exit 1
+        [ "$5" = 1 ] || exit 0
+      done' virtual-room-talker "$pidfile" "$after" "$_VR_NEAREND" "$wav" "$loop" \
+    </dev/null >>"$VR_DIR/talker.log" 2>&1 &
+  for _ in $(seq 50); do
+    [ -s "$pidfile" ] && break
+    sleep 0.02
+  done
+  pid=$(cat "$pidfile" 2>/dev/null)
+  rm -f "$pidfile"
+  [ -n "$pid" ] || { _vr_err "the talker did not start; see $VR_DIR/talker.log"; return 1; }
+  echo "$pid" >>"$VR_DIR/talkers"
+  local how=once
+  [ "$loop" = 1 ] && how=looping
+  echo "talker: playing $wav into \"$_VR_NEAREND_DESC\" ($how, after $after s, pid $pid)"
+}
+
+# Ends the recorded room, if any, and forgets it; prints nothing on success.
+_vr_stop_quietly() {
+  _vr_load_state || { rm -f "$(_vr_state_file)"; return 0; }
+  local pid
+  if [ -r "$VR_DIR/talkers" ]; then
+    while read -r pid; do
+      _vr_is_uint "$pid" && kill -TERM -- "-$pid" 2>/dev/null
+    done <"$VR_DIR/talkers"
+  fi
+  if _vr_is_pulse_pid "$VR_PID"; then
+    _vr_client timeout 5 pactl exit >/dev/null 2>&1
+    for _ in $(seq 50); do
+      _vr_is_pulse_pid "$VR_PID" || break
+      sleep 0.1
+    done
+    if _vr_is_pulse_pid "$VR_PID"; then
+      kill -TERM "$VR_PID" 2>/dev/null
+      for _ in $(seq 20); do
+        _vr_is_pulse_pid "$VR_PID" || break
+        sleep 0.1
+      done
+      _vr_is_pulse_pid "$VR_PID" && kill -KILL "$VR_PID" 2>/dev/null
+    fi
+  fi
+  if _vr_is_pulse_pid "$VR_PID"; then
+    _vr_err "pulseaudio pid $VR_PID would not exit"
+    return 1
+  fi
+  case "$VR_DIR" in
+    */virtual-room.??????) rm -rf -- "$VR_DIR" ;;
+  esac
+  rm -f "$(_vr_state_file)"
+  VR_DIR="" VR_PID=""
+}
+
+_vr_cmd_stop() {
+  [ $# -eq 0 ] || { _vr_err "stop takes no arguments"; return 2; }
+  local rc=0
+  _vr_lock
+  if _vr_load_state; then
+    _vr_stop_quietly && echo "virtual room stopped" || rc=1
+  else
+    echo "virtual room not running"
+  fi
+  _vr_unlock
+  return $rc
+}
+
+_vr_cmd_status() {
+  if _vr_running; then
+    _vr_print_devices
+  else
+    echo "virtual room not running"
+    return 1
+  fi
+}
+
+_vr_usage() {
+  cat <<'EOF'
+usage: virtual-room.sh start [--echo-ms N] [--echo-volume PCT]
+                             [--talker WAV [--talker-after SEC] [--talker-loop]]
+       virtual-room.sh env | status | stop
+       virtual-room.sh talk WAV [--after SEC] [--loop]
+
+A private PulseAudio server: its default sink "Room speaker" is heard, N ms
+later (default 40) at PCT% volume (default 50% = -18 dB), on its default source
+"Room microphone", together with any WAV played by "talk" (the near-end talker).
+Use it from a shell with:  eval "$(scripts/virtual-room.sh env)"
+EOF
+}
+
+_vr_dispatch() {
+  local cmd=${1-}
+  [ $# -gt 0 ] && shift
+  case "$cmd" in
+    start)
+      _vr_cmd_start "$@" || return $?
+      # As a function in the caller's shell, hand it the room right away.
+      [ "${_VR_AS_SCRIPT:-0}" = 1 ] || _vr_export_env
+      ;;
+    stop)
+      _vr_cmd_stop "$@" || return $?
+      [ "${_VR_AS_SCRIPT:-0}" = 1 ] || _vr_restore_env
+      ;;
+    env) _vr_cmd_env ;;
+    talk) _vr_cmd_talk "$@" ;;
+    status) _vr_cmd_status ;;
+    -h|--help|help) _vr_usage ;;
+    *) _vr_usage >&2; return 2 ;;
+  esac
+}
+
+# Called through "||" so that a caller's "set -e" cannot end its shell halfway
+# through a start or stop; failures come back as the return status.
+virtual_room() {
+  local rc=0
+  _vr_dispatch "$@" || rc=$?
+  return $rc
+}
+
+if [ "${BASH_SOURCE[0]}" = "$0" ]; then
+  _VR_AS_SCRIPT=1
+  virtual_room "$@"
+  exit $?
+fi
