@@ -6,9 +6,10 @@
 
 namespace tamrel {
 
-// Measured echo delay of a two-channel output through the desktop sound
-// server at 20 ms buffers: see the README's section on echo delay.
-const int TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY = 140;
+// Echo delay for two-channel outputs, which go through a desktop sound
+// server's mixer: the canceller's working window (15 to 55 ms past this)
+// then covers the ~150 ms round trip measured there at 20 ms buffers.
+const int TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY = 120;
 
 // Out of line so that the type information lives in this library.
 TAudio2Device::~TAudio2Device() = default;

@@ -69,29 +69,29 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
     std::string errorText;
     int result = 0;
 
-    // Device choice. A failed query is reported only after the negotiation
-    // below has run and written the record.
+    // Device choice: the default, or the first device carrying the configured
+    // name. False when a name is configured but there are no devices at all.
+    const auto choose = [&rtAudio](const std::string& name, bool output, unsigned& index, const char* noDevices) {
+        index = output ? rtAudio.getDefaultOutputDevice() : rtAudio.getDefaultInputDevice();
+        if (name.empty())
+            return true;
+        const unsigned count = rtAudio.getDeviceCount();
+        if (count == 0) {
+            warning("audio2", false) << noDevices;
+            return false;
+        }
+        index = findDevice(rtAudio, count, name, output, index);
+        return true;
+    };
+    // A failed query is reported only after the negotiation below has run
+    // and written the record.
     try {
-        outputDevice = rtAudio.getDefaultOutputDevice();
-        if (!configuration.playbackDeviceName.empty()) {
-            const unsigned count = rtAudio.getDeviceCount();
-            if (count == 0) {
-                warning("audio2", false) << "No playback devices found in audio universal device";
-                return -6;
-            }
-            outputDevice = findDevice(rtAudio, count, configuration.playbackDeviceName, true, outputDevice);
-        }
-        if (withCapture) {
-            inputDevice = rtAudio.getDefaultInputDevice();
-            if (!configuration.captureDeviceName.empty()) {
-                const unsigned count = rtAudio.getDeviceCount();
-                if (count == 0) {
-                    warning("audio2", false) << "No capture devices found in audio universal device";
-                    return -6;
-                }
-                inputDevice = findDevice(rtAudio, count, configuration.captureDeviceName, false, inputDevice);
-            }
-        }
+        if (!choose(configuration.playbackDeviceName, true, outputDevice,
+                    "No playback devices found in audio universal device"))
+            return -6;
+        if (withCapture && !choose(configuration.captureDeviceName, false, inputDevice,
+                                   "No capture devices found in audio universal device"))
+            return -6;
     } catch (const RtAudioError& e) {
         errorText = e.getMessage();
         result = -1;

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# The main job: installs what is needed, builds, and runs a 20-second call
+# with diagnostic recording, then prints the echo-cancellation report.
+#
+# Without a reachable sound server (or with TAUDIO2_ROOM=1) the call runs in
+# a private virtual room: far-end speech is played on the room's speaker, the
+# room's microphone hears it back as echo, and from second 10 a near-end
+# talker speaks too. With a reachable server the call uses its devices.
+#
+# Environment: BUILD_DIR (default ./build), OUT_DIR (default BUILD_DIR/call),
+# CALL_SECONDS (default 20), TAUDIO2_ROOM=1 to force the virtual room.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${BUILD_DIR:-$root/build}
+out=${OUT_DIR:-$build/call}
+seconds=${CALL_SECONDS:-20}
+
+bash "$root/scripts/setup.sh"
+cmake -S "$root" -B "$build" > /dev/null
+cmake --build "$build" -j"$(nproc)" --target taudio2call
+
+mkdir -p "$out"
+"$root/tests/data/make_speech.sh" "$out/speech"
+far="$out/speech/far16k.wav"
+near="$out/speech/near48k.wav"
+
+call=("$build/tools/taudio2call" --measure-aec --play "$far" --loop --duration "$seconds"
+      --record "$out/received.wav")
+room="$root/scripts/virtual-room.sh"
+if [ "${TAUDIO2_ROOM:-0}" != 1 ] && pactl info > /dev/null 2>&1; then
+  echo "== call on this machine's sound server"
+else
+  echo "== no sound server reachable: starting a private virtual room"
+  export VIRTUAL_ROOM_STATE="$out/room.state"
+  trap '"$room" stop > /dev/null 2>&1 || true' EXIT
+  # The echo comes back as fast as the server allows: the device's own
+  # buffering is the room's round trip, as with speakers beside a laptop.
+  "$room" start --echo-ms 5 --talker "$near" --talker-after 10
+  eval "$("$room" env)"
+  # Two output channels: the echo canceller then uses the delay measured
+  # for desktop sound servers.
+  call+=(--playback "Room speaker" --capture "Room microphone" --channels 2)
+fi
+
+# The device keeps its recordings in the home directory; this call's go to OUT_DIR.
+HOME="$out" "${call[@]}"
+"$room" stop > /dev/null 2>&1 || true
+
+echo "== echo-cancellation report"
+/usr/bin/python3 "$root/tools/aec_report.py" --dir "$out"
