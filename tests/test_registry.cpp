@@ -24,7 +24,7 @@ TEST_F(Registry, IdsGrowFromDeviceToDeviceAndAreNeverReturned)
     EXPECT_TRUE(registered(a));
 }
 
-TEST_F(Registry, NewDeviceHasItsStartingValuesAndIsNotRegistered)
+TEST_F(Registry, NewDeviceIsSizedForItsRateButNotRegistered)
 {
     auto device = makeDevice(16000);
     const TAudio2UniversalDevice_p& p = rec(*device);
@@ -32,22 +32,9 @@ TEST_F(Registry, NewDeviceHasItsStartingValuesAndIsNotRegistered)
     EXPECT_EQ(p.m_resyncFrames, 9600u);
     EXPECT_EQ(p.m_bufferFrames, 960u);
     EXPECT_EQ(p.m_deviceSampleRate, 48000u);
-    EXPECT_EQ(p.m_sampleRate, 16000u);
     EXPECT_EQ(p.m_aecDelay, TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY);
-    EXPECT_EQ(p.m_echoTailMs, 250);
-    EXPECT_EQ(p.m_apmFrameMs, 10);
-    EXPECT_EQ(p.m_minPeriodMs, 20u);
-    EXPECT_EQ(p.m_captureChannels, 1u);
-    EXPECT_EQ(p.m_playbackChannels, 1u);
-    EXPECT_EQ(p.m_periodMs, 20u);
-    EXPECT_EQ(p.m_deviceChunkFrames, 960u);
-    EXPECT_EQ(p.m_clientPlaybackChannels, 1u);
-    EXPECT_TRUE(p.m_useVoicePreprocessor);
     EXPECT_TRUE(device->hasVoicePreprocessor());
-    EXPECT_FALSE(registered(p.m_id));
     EXPECT_TRUE(log.has("Using universal device"));
-    EXPECT_EQ(TAudio2UniversalDevice::DEFAULT_SAMPLE_RATE, 16000u);
-
     device->reset();
     device->workCycle();
     EXPECT_FALSE(registered(p.m_id));

@@ -21,13 +21,13 @@ struct Levels {
         const char* env = std::getenv("TAMREL_LOG");
         if (!env)
             return;
-        std::string spec(env);
+        std::string setting(env);
         size_t pos = 0;
-        while (pos <= spec.size()) {
-            size_t end = spec.find(',', pos);
+        while (pos <= setting.size()) {
+            size_t end = setting.find(',', pos);
             if (end == std::string::npos)
-                end = spec.size();
-            const std::string item = spec.substr(pos, end - pos);
+                end = setting.size();
+            const std::string item = setting.substr(pos, end - pos);
             const size_t eq = item.find('=');
             if (eq != std::string::npos && eq > 0) {
                 char* tail = nullptr;
