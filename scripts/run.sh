@@ -3,9 +3,10 @@
 # with diagnostic recording, then prints the echo-cancellation report.
 #
 # Without a reachable sound server (or with TAUDIO2_ROOM=1) the call runs in
-# a private virtual room: far-end speech is played on the room's speaker, the
-# room's microphone hears it back as echo, and from second 10 a near-end
-# talker speaks too. With a reachable server the call uses its devices.
+# a private virtual room: the far end talks for 8 s, alone, and the room's
+# microphone hears it back as echo; a near-end talker then speaks alone for
+# 6 s, and for the last 6 s both talk. With a reachable server the call uses
+# its devices.
 #
 # Environment: BUILD_DIR (default ./build), OUT_DIR (default BUILD_DIR/call),
 # CALL_SECONDS (default 20), TAUDIO2_ROOM=1 to force the virtual room.
@@ -21,10 +22,16 @@ cmake --build "$build" -j"$(nproc)" --target taudio2call
 
 mkdir -p "$out"
 "$root/tests/data/make_speech.sh" "$out/speech"
-far="$out/speech/far16k.wav"
 near="$out/speech/near48k.wav"
+# Far end: 8 s of speech, 6 s of silence, then speech again.
+far="$out/far-end.wav"
+sox "$out/speech/far16k.wav" "$out/far-a.wav" trim 0 8
+sox -n -r 16000 -c 1 -b 16 "$out/far-b.wav" trim 0 6
+sox "$out/speech/far16k.wav" "$out/far-c.wav" trim 8
+sox "$out/far-a.wav" "$out/far-b.wav" "$out/far-c.wav" "$far"
+rm -f "$out"/far-[abc].wav
 
-call=("$build/tools/taudio2call" --measure-aec --play "$far" --loop --duration "$seconds"
+call=("$build/tools/taudio2call" --measure-aec --play "$far" --duration "$seconds"
       --record "$out/received.wav")
 room="$root/scripts/virtual-room.sh"
 if [ "${TAUDIO2_ROOM:-0}" != 1 ] && pactl info > /dev/null 2>&1; then
@@ -35,7 +42,7 @@ else
   trap '"$room" stop > /dev/null 2>&1 || true' EXIT
   # The echo comes back as fast as the server allows: the device's own
   # buffering is the room's round trip, as with speakers beside a laptop.
-  "$room" start --echo-ms 5 --talker "$near" --talker-after 10
+  "$room" start --echo-ms 5 --talker "$near" --talker-after 8
   eval "$("$room" env)"
   # Two output channels: the echo canceller then uses the delay measured
   # for desktop sound servers.
