@@ -40,9 +40,9 @@ else
   echo "== no sound server reachable: starting a private virtual room"
   export VIRTUAL_ROOM_STATE="$out/room.state"
   trap '"$room" stop > /dev/null 2>&1 || true' EXIT
-  # The echo comes back as fast as the server allows: the device's own
-  # buffering is the room's round trip, as with speakers beside a laptop.
-  "$room" start --echo-ms 5 --talker "$near" --talker-after 8
+  # A short acoustic path, as with speakers beside a laptop: the server's
+  # own round trip makes most of the echo's delay.
+  "$room" start --echo-ms 15 --talker "$near" --talker-after 8
   eval "$("$room" env)"
   # Two output channels: the echo canceller then uses the delay measured
   # for desktop sound servers.

@@ -8,8 +8,8 @@ namespace tamrel {
 
 // Echo delay for two-channel outputs, which go through a desktop sound
 // server's mixer: the canceller's working window (15 to 55 ms past this)
-// then covers the ~150 ms round trip measured there at 20 ms buffers.
-const int TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY = 120;
+// then covers the 145 to 185 ms round trip measured there at 20 ms buffers.
+const int TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY = 130;
 
 // Out of line so that the type information lives in this library.
 TAudio2Device::~TAudio2Device() = default;
