@@ -21,5 +21,17 @@ for variant in plain sanitize; do
   cmake -S "$root" -B "$dir" "${flags[@]}"
   cmake --build "$dir" -j"$jobs"
   echo "== $variant tests"
-  ctest --test-dir "$dir" --output-on-failure --timeout 900
+  ctest --test-dir "$dir" --output-on-failure --timeout 900 --output-log "$dir/ctest.log"
+  echo "== $variant measurements"
+  grep -E '^(echo delay|real server:)' "$dir/Testing/Temporary/LastTest.log" || true
 done
+
+# One closing line for both runs.
+passed=0; failed=0
+for variant in plain sanitize; do
+  line=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "$root/build-$variant/ctest.log" | tail -n 1)
+  total=$(echo "$line" | sed -E 's/.*out of ([0-9]+).*/\1/')
+  bad=$(echo "$line" | sed -E 's/.*, ([0-9]+) tests failed.*/\1/')
+  passed=$((passed + total - bad)); failed=$((failed + bad))
+done
+echo "tests: $passed passed, $failed failed"
