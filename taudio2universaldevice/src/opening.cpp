@@ -143,7 +143,8 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
         }
     }
 
-    // 48000 first: the voice chain works best with the card at full rate.
+    // 48000 first: what cards and desktop servers run natively, so the
+    // signal reaches the device without a conversion in between.
     const auto usable = [&](bool outputFlag, bool inputFlag) { return outputFlag && (!withCapture || inputFlag); };
     unsigned deviceRate = 0;
     if (usable(outputRates.r48000, inputRates.r48000))
