@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Makes the two talkers of the virtual-room test: far-end speech at the
 # client rate and near-end speech at the sound card's rate, in different
-# voices, peak-normalised. Deterministic for a given espeak-ng.
+# voices, peak-normalised. Deterministic for a given espeak-ng and sox
+# (no dither).
 set -euo pipefail
 out=${1:?usage: make_speech.sh OUTDIR}
 mkdir -p "$out"
@@ -26,5 +27,5 @@ I think we should measure that before we promise anything."
 
 espeak-ng -v en-us -s 165 -p 40 -w "$tmp/far.wav" "$far_text"
 espeak-ng -v en-gb+f3 -s 160 -p 60 -w "$tmp/near.wav" "$near_text"
-sox "$tmp/far.wav" -r 16000 -c 1 -b 16 "$out/far16k.wav" gain -n -3
-sox "$tmp/near.wav" -r 48000 -c 1 -b 16 "$out/near48k.wav" gain -n -6
+sox -D "$tmp/far.wav" -r 16000 -c 1 -b 16 "$out/far16k.wav" gain -n -3
+sox -D "$tmp/near.wav" -r 48000 -c 1 -b 16 "$out/near48k.wav" gain -n -6
