@@ -106,11 +106,9 @@ TEST_F(Opening, DevicesAreChosenByExactNameElseTheDefaultSilently)
 TEST_F(Opening, PlaybackOnlyStreamsAskNothingOfTheCaptureSide)
 {
     fakecard::Card& c = fakecard::card();
-    c.devices[1].sampleRates = {8000};   // would rule 48000 out for a duplex stream
     for (int captureChannels : {0, -1}) {
-        fakecard::reset();
         testsupport::standardCard();
-        c.devices[1].sampleRates = {8000};
+        c.devices[1].sampleRates = {8000};   // would rule 48000 out for a duplex stream
         auto dev = makeDevice();
         ASSERT_EQ(dev->openStream(config(16000, 20, 1, captureChannels), counting(), nullptr), 0);
         EXPECT_FALSE(c.opened.hasInput);
