@@ -103,3 +103,29 @@ TEST_F(VoiceProcessing, SwitchedOffBuildsNoModuleAndKeepsOldBuffers)
     EXPECT_FALSE(QFile::exists(QString::fromStdString(homePath() + "/capture.wav")));
     EXPECT_EQ(p.m_aecDelay, 60);   // computed before the open all the same
 }
+
+// TAUDIO2_AEC picks the canceller when a stream opens. Robust mode keeps the
+// three-period delay on two-channel outputs too; a bad value warns once and
+// falls back to the standard module.
+TEST_F(VoiceProcessing, EchoCancellationModeFromTheEnvironment)
+{
+    auto dev = makeDevice();
+    TAudio2UniversalDevice_p& p = rec(*dev);
+    struct Case { const char* value; int playbackChannels, delay; bool warns; };
+    const int standard2 = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
+    for (const Case c : {Case{nullptr, 2, standard2, false}, Case{"standard", 2, standard2, false},
+                         Case{"", 2, standard2, false}, Case{"robust", 1, 60, false}, Case{"robust", 2, 60, false},
+                         Case{"Robust", 2, standard2, true}}) {
+        SCOPED_TRACE(c.value ? c.value : "(unset)");
+        c.value ? setenv("TAUDIO2_AEC", c.value, 1) : unsetenv("TAUDIO2_AEC");
+        log.clear();
+        ASSERT_EQ(dev->openStream(config(16000, 20, c.playbackChannels, 1), counting(), nullptr), 0);
+        unsetenv("TAUDIO2_AEC");
+        EXPECT_EQ(p.m_apm->delay_offset_ms(), c.delay);
+        EXPECT_TRUE(log.has("Universal device buffer period=20, pimpl->m_aecDelay=" + std::to_string(c.delay)));
+        EXPECT_EQ(log.countStartingWith("TAUDIO2_AEC="), c.warns ? 1 : 0);
+        EXPECT_EQ(log.has("TAUDIO2_AEC=Robust is not an echo-cancellation mode (standard, robust); using standard"),
+                  c.warns);
+        dev->closeStream();
+    }
+}

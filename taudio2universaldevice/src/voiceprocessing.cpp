@@ -6,11 +6,47 @@
 #include <shared/debugstream.h>
 #include <taudio2base/taudio2deviceinfo.h>
 
+// webrtc's Config finds an option by the address of a static inside an inline
+// template. Hidden, our copy of that static would differ from the library's
+// and webrtc would silently ignore the options; visible (and exported, see
+// exports.map), the dynamic linker makes both one.
+#pragma GCC visibility push(default)
+#include <webrtc/common.h>
 #include <webrtc/modules/audio_processing/include/audio_processing.h>
+#pragma GCC visibility pop
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 
 namespace tamrel {
+
+namespace {
+
+// TAUDIO2_AEC, read at every open. "robust" lets the canceller search for
+// the echo (extended filter, delay-agnostic estimation) instead of trusting
+// the told delay alone; unset, empty or "standard" keeps the plain module.
+bool robustEchoCancellationRequested()
+{
+    const char* mode = std::getenv("TAUDIO2_AEC");
+    if (!mode || !*mode || std::strcmp(mode, "standard") == 0)
+        return false;
+    if (std::strcmp(mode, "robust") == 0)
+        return true;
+    warning("audio2", false) << "TAUDIO2_AEC=" << mode
+                             << " is not an echo-cancellation mode (standard, robust); using standard";
+    return false;
+}
+
+webrtc::AudioProcessing* createRobustModule()
+{
+    webrtc::Config config;   // owns the options it is given
+    config.Set<webrtc::ExtendedFilter>(new webrtc::ExtendedFilter(true));
+    config.Set<webrtc::DelayAgnostic>(new webrtc::DelayAgnostic(true));
+    return webrtc::AudioProcessing::Create(config);
+}
+
+} // namespace
 
 void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfiguration& configuration)
 {
@@ -31,7 +67,8 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
         return;
 
     // A fresh module per stream: no canceller state carries over.
-    m_apm.reset(webrtc::AudioProcessing::Create());
+    const bool robust = robustEchoCancellationRequested();
+    m_apm.reset(robust ? createRobustModule() : webrtc::AudioProcessing::Create());
     m_apm->high_pass_filter()->Enable(true);
     m_apm->echo_cancellation()->enable_drift_compensation(false);
     m_apm->echo_cancellation()->Enable(true);
@@ -43,8 +80,10 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
     m_apm->voice_detection()->Enable(false);
 
     // A two-channel output goes through the desktop mixer, whose delay is
-    // measured rather than derived from the period.
-    if (m_playbackChannels == 2)
+    // measured rather than derived from the period. The robust canceller
+    // finds a later echo by itself but not an earlier one, so it keeps the
+    // short three periods whatever the output.
+    if (m_playbackChannels == 2 && !robust)
         m_aecDelay = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
 
     debug("audio2", 0, false) << "Universal device buffer period=" << m_minPeriodMs
