@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# virtual-room.sh - a private PulseAudio server that behaves like a small room:
+# virtual-room.sh - a private sound server that behaves like a small room:
 # whatever is played on its speaker comes back, delayed and quieter, on its
 # microphone, mixed with an optional near-end talker.  Lets the duplex device
 # and its echo canceller run against real sound on a machine without a card.
 #
-#   scripts/virtual-room.sh start [--echo-ms N] [--echo-volume PCT]
+#   scripts/virtual-room.sh start [--server pulseaudio|pipewire|jack]
+#                                 [--echo-ms N] [--echo-volume PCT]
 #                                 [--talker WAV [--talker-after SEC] [--talker-loop]]
 #   scripts/virtual-room.sh env          # prints export lines: eval "$(... env)"
 #   scripts/virtual-room.sh talk WAV [--after SEC] [--loop]
@@ -23,6 +24,16 @@
 # The microphone is a remapped source rather than the bare monitor so that it is
 # an ordinary (non-monitor) capture device with a readable description.
 #
+# Servers (--server, default pulseaudio, or $VIRTUAL_ROOM_SERVER):
+#   pulseaudio  the PulseAudio daemon itself.
+#   pipewire    pipewire, wireplumber and pipewire-pulse under a private
+#               dbus-run-session; clients reach it through its PulseAudio
+#               service, and the room is built with the same pactl calls.
+#   jack        jackd (jackd1) with its dummy driver, 48000 Hz, period
+#               --jack-period frames (default 960); no echo path, no talker:
+#               a server to open streams on.  Clients find it through
+#               JACK_DEFAULT_SERVER, which "env" prints.
+#
 # The state file ($VIRTUAL_ROOM_STATE, default /tmp/virtual-room-UID.state)
 # points at the room's private directory; set VIRTUAL_ROOM_STATE to run several
 # independent rooms side by side (e.g. one per test process).
@@ -39,6 +50,7 @@ _VR_RATE=48000
 _VR_DEFAULT_ECHO_MS=40
 # pactl volumes are cubic: 50% is -18 dB, a plausible laptop speaker-to-mic loss.
 _VR_DEFAULT_ECHO_VOLUME=50
+_VR_DEFAULT_JACK_PERIOD=960
 
 _vr_err() { echo "virtual-room: $*" >&2; }
 
@@ -46,14 +58,29 @@ _vr_state_file() {
   echo "${VIRTUAL_ROOM_STATE:-/tmp/virtual-room-$(id -u).state}"
 }
 
+# The process that stands for the server: what "running" checks and a test may kill.
+_vr_server_comm() {
+  case "$1" in
+    pipewire) echo pipewire-pulse ;;
+    jack) echo jackd ;;
+    *) echo pulseaudio ;;
+  esac
+}
+
 _vr_check_tools() {
-  local t missing=()
-  for t in pulseaudio pactl pacat paplay setsid; do
+  local t missing=() tools=(setsid) packages
+  case "$1" in
+    pulseaudio) tools+=(pulseaudio pactl pacat paplay); packages="pulseaudio and pulseaudio-utils" ;;
+    pipewire) tools+=(pipewire wireplumber pipewire-pulse dbus-run-session pactl pacat paplay)
+              packages="pipewire, pipewire-pulse, wireplumber, dbus and pulseaudio-utils" ;;
+    jack) tools+=(jackd); packages="jackd1" ;;
+  esac
+  for t in "${tools[@]}"; do
     command -v "$t" >/dev/null 2>&1 || missing+=("$t")
   done
   if [ ${#missing[@]} -gt 0 ]; then
-    _vr_err "cannot run a virtual room: missing ${missing[*]}" \
-      "(install the Debian packages pulseaudio and pulseaudio-utils, e.g. scripts/setup.sh)"
+    _vr_err "cannot run a $1 room: missing ${missing[*]}" \
+      "(install the Debian packages $packages, e.g. scripts/setup.sh)"
     return 1
   fi
 }
@@ -80,7 +107,7 @@ _vr_unlock() {
 }
 
 _vr_load_state() {
-  VR_DIR="" VR_PID="" VR_ECHO_MODULE="" VR_ECHO_MS="" VR_ECHO_VOLUME=""
+  VR_DIR="" VR_PID="" VR_ECHO_MODULE="" VR_ECHO_MS="" VR_ECHO_VOLUME="" VR_SERVER=pulseaudio VR_GROUP=""
   local f key value
   f=$(_vr_state_file)
   [ -r "$f" ] || return 1
@@ -91,6 +118,8 @@ _vr_load_state() {
       echo_module) VR_ECHO_MODULE=$value ;;
       echo_ms) VR_ECHO_MS=$value ;;
       echo_volume) VR_ECHO_VOLUME=$value ;;
+      server) VR_SERVER=$value ;;
+      group) VR_GROUP=$value ;;
     esac
   done <"$f"
   [ -n "$VR_DIR" ]
@@ -100,20 +129,20 @@ _vr_save_state() {
   local f tmp
   f=$(_vr_state_file)
   tmp="$f.$$"
-  printf 'dir=%s\npid=%s\necho_module=%s\necho_ms=%s\necho_volume=%s\n' \
-    "$VR_DIR" "$VR_PID" "$VR_ECHO_MODULE" "$VR_ECHO_MS" "$VR_ECHO_VOLUME" >"$tmp" &&
+  printf 'dir=%s\npid=%s\necho_module=%s\necho_ms=%s\necho_volume=%s\nserver=%s\ngroup=%s\n' \
+    "$VR_DIR" "$VR_PID" "$VR_ECHO_MODULE" "$VR_ECHO_MS" "$VR_ECHO_VOLUME" "$VR_SERVER" "$VR_GROUP" >"$tmp" &&
     mv -f "$tmp" "$f"
 }
 
-# True when $1 is a live pulseaudio process (guards against a recycled pid).
-_vr_is_pulse_pid() {
-  [ -n "$1" ] && [ -r "/proc/$1/comm" ] && [ "$(cat "/proc/$1/comm" 2>/dev/null)" = pulseaudio ]
+# True when $1 is a live server process of the room (guards against a recycled pid).
+_vr_is_server_pid() {
+  [ -n "$1" ] && [ -r "/proc/$1/comm" ] && [ "$(cat "/proc/$1/comm" 2>/dev/null)" = "$(_vr_server_comm "$VR_SERVER")" ]
 }
 
 _vr_running() {
   _vr_load_state || return 1
-  _vr_is_pulse_pid "$VR_PID" || return 1
-  _vr_pactl info >/dev/null 2>&1
+  _vr_is_server_pid "$VR_PID" || return 1
+  [ "$VR_SERVER" = jack ] || _vr_pactl info >/dev/null 2>&1
 }
 
 _vr_is_uint() { case "$1" in ''|*[!0-9]*) return 1 ;; *) return 0 ;; esac; }
@@ -145,7 +174,13 @@ _vr_set_echo() {
 }
 
 _vr_print_devices() {
-  echo "virtual room running (pulseaudio pid $VR_PID, echo ${VR_ECHO_MS} ms at ${VR_ECHO_VOLUME}% volume)"
+  if [ "$VR_SERVER" = jack ]; then
+    echo "virtual room running (jackd pid $VR_PID, dummy driver, 48000 Hz, period $VR_ECHO_MS frames)"
+    echo "  server: JACK_DEFAULT_SERVER=$(basename "$VR_DIR")"
+    return 0
+  fi
+  echo "virtual room running ($VR_SERVER, $(_vr_server_comm "$VR_SERVER") pid $VR_PID," \
+    "echo ${VR_ECHO_MS} ms at ${VR_ECHO_VOLUME}% volume)"
   echo "  speaker, default sink:        \"$_VR_SPEAKER_DESC\" ($_VR_SPEAKER)"
   echo "  microphone, default source:   \"$_VR_MIC_DESC\" ($_VR_MIC)"
   echo "  near-end talker sink:         \"$_VR_NEAREND_DESC\" ($_VR_NEAREND)"
@@ -158,12 +193,15 @@ _vr_start_server() {
   # The server's socket path must fit a sockaddr_un (108 bytes).
   [ ${#base} -le 70 ] || base=/tmp
   VR_DIR=$(mktemp -d "$base/virtual-room.XXXXXX") || { _vr_err "mktemp failed in $base"; return 1; }
-  VR_PID="" VR_ECHO_MODULE="" VR_ECHO_MS="" VR_ECHO_VOLUME=""
+  VR_SERVER=$1 VR_PID="" VR_GROUP="" VR_ECHO_MODULE="" VR_ECHO_MS="" VR_ECHO_VOLUME=""
   mkdir -p "$VR_DIR/state"
   # Clients of the room must never autospawn some other server when it is gone.
   echo "autospawn = no" >"$VR_DIR/client.conf"
   _vr_save_state || { _vr_err "cannot write $(_vr_state_file)"; return 1; }
+  "_vr_start_$VR_SERVER" "${@:2}"
+}
 
+_vr_start_pulseaudio() {
   env XDG_RUNTIME_DIR="$VR_DIR" PULSE_STATE_PATH="$VR_DIR/state" \
       PULSE_CLIENTCONFIG="$VR_DIR/client.conf" \
     pulseaudio --daemonize=yes --system=no -n --exit-idle-time=-1 \
@@ -180,6 +218,55 @@ _vr_start_server() {
   if [ -z "$VR_PID" ]; then
     _vr_err "pulseaudio did not come up; its log ($VR_DIR/pulseaudio.log):"
     tail -n 20 "$VR_DIR/pulseaudio.log" >&2 2>/dev/null
+    return 1
+  fi
+  _vr_save_state
+}
+
+# Runs a server in a session and process group of its own, without the
+# room's lock: a daemon holding it would block every later start and stop.
+_vr_detach() {
+  [ -z "${_VR_LOCK_FD:-}" ] || exec {_VR_LOCK_FD}>&-
+  exec setsid "$@"
+}
+
+# The three daemons of a desktop's PipeWire, in a session bus of their own and
+# a process group that stop ends as a whole; every state folder is private.
+_vr_start_pipewire() {
+  local pid
+  _vr_detach env XDG_RUNTIME_DIR="$VR_DIR" XDG_STATE_HOME="$VR_DIR/state" XDG_CONFIG_HOME="$VR_DIR/config" \
+      PULSE_CLIENTCONFIG="$VR_DIR/client.conf" \
+    dbus-run-session -- bash -c 'pipewire & sleep 0.3; wireplumber & pipewire-pulse & wait' \
+      </dev/null >"$VR_DIR/pipewire.log" 2>&1 &
+  VR_GROUP=$!
+  _vr_save_state
+  for _ in $(seq 100); do
+    pid=$(pgrep -g "$VR_GROUP" -x pipewire-pulse 2>/dev/null | head -n 1)
+    [ -n "$pid" ] && _vr_pactl info >/dev/null 2>&1 && { VR_PID=$pid; break; }
+    sleep 0.1
+  done
+  if [ -z "$VR_PID" ]; then
+    _vr_err "pipewire did not come up; its log ($VR_DIR/pipewire.log):"
+    tail -n 20 "$VR_DIR/pipewire.log" >&2 2>/dev/null
+    return 1
+  fi
+  _vr_save_state
+}
+
+_vr_start_jack() {
+  local period=$1
+  _vr_detach jackd --no-realtime -n "$(basename "$VR_DIR")" \
+      -d dummy -r "$_VR_RATE" -p "$period" </dev/null >"$VR_DIR/jackd.log" 2>&1 &
+  VR_GROUP=$! VR_ECHO_MS=$period
+  _vr_save_state
+  for _ in $(seq 50); do
+    grep -q 'dummy driver' "$VR_DIR/jackd.log" 2>/dev/null && _vr_is_server_pid "$VR_GROUP" &&
+      { VR_PID=$VR_GROUP; break; }
+    sleep 0.1
+  done
+  if [ -z "$VR_PID" ]; then
+    _vr_err "jackd did not come up; its log ($VR_DIR/jackd.log):"
+    tail -n 20 "$VR_DIR/jackd.log" >&2 2>/dev/null
     return 1
   fi
   _vr_save_state
@@ -208,26 +295,47 @@ _vr_build_room() {
   return 0
 }
 
+# The variables that point a client at the room, and their values.
+_vr_env_names() {
+  if [ "$VR_SERVER" = jack ]; then echo JACK_DEFAULT_SERVER; else echo XDG_RUNTIME_DIR PULSE_SERVER; fi
+}
+_vr_env_value() {
+  case "$1" in
+    JACK_DEFAULT_SERVER) basename "$VR_DIR" ;;
+    XDG_RUNTIME_DIR) echo "$VR_DIR" ;;
+    PULSE_SERVER) echo "unix:$VR_DIR/pulse/native" ;;
+  esac
+}
+
 _vr_export_env() {
-  if [ -z "${VIRTUAL_ROOM_SAVED_ENV+x}" ]; then
-    VIRTUAL_ROOM_SAVED_ENV="${XDG_RUNTIME_DIR-__unset__}|${PULSE_SERVER-__unset__}"
-  fi
-  export XDG_RUNTIME_DIR="$VR_DIR" PULSE_SERVER="unix:$VR_DIR/pulse/native"
+  local name saved=""
+  for name in $(_vr_env_names); do
+    saved+="$name=${!name-__unset__}|"
+    export "$name=$(_vr_env_value "$name")"
+  done
+  [ -n "${VIRTUAL_ROOM_SAVED_ENV+x}" ] || VIRTUAL_ROOM_SAVED_ENV=$saved
 }
 
 _vr_restore_env() {
   [ -n "${VIRTUAL_ROOM_SAVED_ENV+x}" ] || return 0
-  local xdg=${VIRTUAL_ROOM_SAVED_ENV%%|*} server=${VIRTUAL_ROOM_SAVED_ENV#*|}
-  if [ "$xdg" = __unset__ ]; then unset XDG_RUNTIME_DIR; else export XDG_RUNTIME_DIR="$xdg"; fi
-  if [ "$server" = __unset__ ]; then unset PULSE_SERVER; else export PULSE_SERVER="$server"; fi
+  local entry
+  local -a entries
+  IFS='|' read -r -a entries <<<"$VIRTUAL_ROOM_SAVED_ENV"
+  for entry in "${entries[@]}"; do
+    [ -n "$entry" ] || continue
+    if [ "${entry#*=}" = __unset__ ]; then unset "${entry%%=*}"; else export "$entry"; fi
+  done
   unset VIRTUAL_ROOM_SAVED_ENV
 }
 
 _vr_cmd_start() {
   local ms=$_VR_DEFAULT_ECHO_MS volume=$_VR_DEFAULT_ECHO_VOLUME echo_given=0
-  local talker="" talker_after=0 talker_loop=0
+  local talker="" talker_after=0 talker_loop=0 server=${VIRTUAL_ROOM_SERVER:-pulseaudio}
+  local jack_period=$_VR_DEFAULT_JACK_PERIOD
   while [ $# -gt 0 ]; do
     case "$1" in
+      --server) server=${2-}; shift 2 || { _vr_err "--server needs a name"; return 2; } ;;
+      --jack-period) jack_period=${2-}; shift 2 || { _vr_err "--jack-period needs frames"; return 2; } ;;
       --echo-ms) ms=${2-}; echo_given=1; shift 2 || { _vr_err "--echo-ms needs a value"; return 2; } ;;
       --echo-volume) volume=${2-}; echo_given=1; shift 2 || { _vr_err "--echo-volume needs a value"; return 2; } ;;
       --talker) talker=${2-}; shift 2 || { _vr_err "--talker needs a WAV file"; return 2; } ;;
@@ -246,17 +354,33 @@ _vr_cmd_start() {
     _vr_err "talker file '$talker' is not readable"; return 2
   fi
   _vr_is_seconds "$talker_after" || { _vr_err "--talker-after must be seconds (got '$talker_after')"; return 2; }
-  _vr_check_tools || return 1
+  case "$server" in
+    pulseaudio|pipewire) ;;
+    jack) [ -z "$talker" ] || { _vr_err "a jack room has no talker"; return 2; } ;;
+    *) _vr_err "--server must be pulseaudio, pipewire or jack (got '$server')"; return 2 ;;
+  esac
+  if ! _vr_is_uint "$jack_period" || [ "$jack_period" -lt 16 ] || [ "$jack_period" -gt 8192 ]; then
+    _vr_err "--jack-period must be frames, 16..8192 (got '$jack_period')"; return 2
+  fi
+  _vr_check_tools "$server" || return 1
 
   _vr_lock
-  if _vr_running; then
+  if _vr_running && [ "$VR_SERVER" != "$server" ]; then
+    _vr_err "a $VR_SERVER room runs already; stop it first"
+    _vr_unlock
+    return 1
+  fi
+  if _vr_running && [ "$server" = jack ]; then
+    echo "virtual room already running; reusing it"
+  elif _vr_running; then
     if [ "$echo_given" = 1 ] && { [ "$ms" != "$VR_ECHO_MS" ] || [ "$volume" != "$VR_ECHO_VOLUME" ]; }; then
       _vr_set_echo "$ms" "$volume" || { _vr_unlock; return 1; }
     fi
     echo "virtual room already running; reusing it"
   else
     _vr_stop_quietly
-    if ! _vr_start_server || ! _vr_build_room "$ms" "$volume"; then
+    if ! _vr_start_server "$server" "$jack_period" ||
+       { [ "$server" != jack ] && ! _vr_build_room "$ms" "$volume"; }; then
       _vr_stop_quietly
       _vr_unlock
       return 1
@@ -277,8 +401,10 @@ _vr_cmd_env() {
     _vr_err "no virtual room is running (start one with: scripts/virtual-room.sh start)"
     return 1
   fi
-  printf 'export XDG_RUNTIME_DIR=%q\n' "$VR_DIR"
-  printf 'export PULSE_SERVER=%q\n' "unix:$VR_DIR/pulse/native"
+  local name
+  for name in $(_vr_env_names); do
+    printf 'export %s=%q\n' "$name" "$(_vr_env_value "$name")"
+  done
 }
 
 _vr_cmd_talk() {
@@ -295,6 +421,7 @@ _vr_cmd_talk() {
   [ -r "$wav" ] || { _vr_err "talker file '$wav' is not readable"; return 2; }
   _vr_is_seconds "$after" || { _vr_err "--after must be seconds (got '$after')"; return 2; }
   _vr_running || { _vr_err "no virtual room is running"; return 1; }
+  [ "$VR_SERVER" != jack ] || { _vr_err "a jack room has no talker"; return 1; }
 
   # Own session and process group, so that stop can end the loop and its
   # paplay together; no file descriptor of the caller is kept open.
@@ -330,23 +457,26 @@ _vr_stop_quietly() {
       _vr_is_uint "$pid" && kill -TERM -- "-$pid" 2>/dev/null
     done <"$VR_DIR/talkers"
   fi
-  if _vr_is_pulse_pid "$VR_PID"; then
+  if [ "$VR_SERVER" = pulseaudio ] && _vr_is_server_pid "$VR_PID"; then
     _vr_client timeout 5 pactl exit >/dev/null 2>&1
     for _ in $(seq 50); do
-      _vr_is_pulse_pid "$VR_PID" || break
+      _vr_is_server_pid "$VR_PID" || break
       sleep 0.1
     done
-    if _vr_is_pulse_pid "$VR_PID"; then
-      kill -TERM "$VR_PID" 2>/dev/null
-      for _ in $(seq 20); do
-        _vr_is_pulse_pid "$VR_PID" || break
-        sleep 0.1
-      done
-      _vr_is_pulse_pid "$VR_PID" && kill -KILL "$VR_PID" 2>/dev/null
-    fi
   fi
-  if _vr_is_pulse_pid "$VR_PID"; then
-    _vr_err "pulseaudio pid $VR_PID would not exit"
+  # The server's whole process group (pipewire's three daemons and their bus).
+  local target=$VR_PID
+  _vr_is_uint "$VR_GROUP" && target=-$VR_GROUP
+  if _vr_is_server_pid "$VR_PID" || { _vr_is_uint "$VR_GROUP" && kill -0 -- "-$VR_GROUP" 2>/dev/null; }; then
+    kill -TERM -- "$target" 2>/dev/null
+    for _ in $(seq 30); do
+      kill -0 -- "$target" 2>/dev/null || break
+      sleep 0.1
+    done
+    kill -KILL -- "$target" 2>/dev/null
+  fi
+  if _vr_is_server_pid "$VR_PID"; then
+    _vr_err "$(_vr_server_comm "$VR_SERVER") pid $VR_PID would not exit"
     return 1
   fi
   case "$VR_DIR" in
@@ -380,12 +510,15 @@ _vr_cmd_status() {
 
 _vr_usage() {
   cat <<'EOF'
-usage: virtual-room.sh start [--echo-ms N] [--echo-volume PCT]
+usage: virtual-room.sh start [--server pulseaudio|pipewire|jack] [--jack-period FRAMES]
+                             [--echo-ms N] [--echo-volume PCT]
                              [--talker WAV [--talker-after SEC] [--talker-loop]]
        virtual-room.sh env | status | stop
        virtual-room.sh talk WAV [--after SEC] [--loop]
 
-A private PulseAudio server: its default sink "Room speaker" is heard, N ms
+A private sound server (PulseAudio by default, PipeWire through its PulseAudio
+service, or JACK with its dummy driver and no echo path): its default sink
+"Room speaker" is heard, N ms
 later (default 40) at PCT% volume (default 50% = -18 dB), on its default source
 "Room microphone", together with any WAV played by "talk" (the near-end talker).
 Use it from a shell with:  eval "$(scripts/virtual-room.sh env)"
