@@ -31,8 +31,10 @@
 #               service, and the room is built with the same pactl calls.
 #   jack        jackd (jackd1) with its dummy driver, 48000 Hz, period
 #               --jack-period frames (default 960); no echo path, no talker:
-#               a server to open streams on.  Clients find it through
-#               JACK_DEFAULT_SERVER, which "env" prints.
+#               a server to open streams on.  It takes the machine's default
+#               server name (RtAudio's JACK backend loses a server of any other
+#               name after its first query), so one runs at a time and none
+#               beside a JACK server of the user's own.
 #
 # The state file ($VIRTUAL_ROOM_STATE, default /tmp/virtual-room-UID.state)
 # points at the room's private directory; set VIRTUAL_ROOM_STATE to run several
@@ -176,7 +178,7 @@ _vr_set_echo() {
 _vr_print_devices() {
   if [ "$VR_SERVER" = jack ]; then
     echo "virtual room running (jackd pid $VR_PID, dummy driver, 48000 Hz, period $VR_ECHO_MS frames)"
-    echo "  server: JACK_DEFAULT_SERVER=$(basename "$VR_DIR")"
+    echo "  server: JACK_DEFAULT_SERVER=default"
     return 0
   fi
   echo "virtual room running ($VR_SERVER, $(_vr_server_comm "$VR_SERVER") pid $VR_PID," \
@@ -255,7 +257,7 @@ _vr_start_pipewire() {
 
 _vr_start_jack() {
   local period=$1
-  _vr_detach jackd --no-realtime -n "$(basename "$VR_DIR")" \
+  _vr_detach jackd --no-realtime \
       -d dummy -r "$_VR_RATE" -p "$period" </dev/null >"$VR_DIR/jackd.log" 2>&1 &
   VR_GROUP=$! VR_ECHO_MS=$period
   _vr_save_state
@@ -301,7 +303,7 @@ _vr_env_names() {
 }
 _vr_env_value() {
   case "$1" in
-    JACK_DEFAULT_SERVER) basename "$VR_DIR" ;;
+    JACK_DEFAULT_SERVER) echo default ;;
     XDG_RUNTIME_DIR) echo "$VR_DIR" ;;
     PULSE_SERVER) echo "unix:$VR_DIR/pulse/native" ;;
   esac
