@@ -8,7 +8,10 @@ PACKAGES=(
   build-essential cmake pkg-config
   librtaudio-dev libwebrtc-audio-processing-dev libsndfile1-dev libspeexdsp-dev
   libboost-thread-dev libfmt-dev qtbase5-dev libgtest-dev
-  pulseaudio pulseaudio-utils espeak-ng sox
+  pulseaudio pulseaudio-utils espeak-ng sox procps
+  # The other servers of the real-server tests. jackd1, not jackd2: its
+  # libjack-dev is the one librtaudio-dev already pulls in.
+  pipewire pipewire-pulse wireplumber dbus jackd1
   python3 python3-numpy python3-matplotlib python3-soundfile
 )
 

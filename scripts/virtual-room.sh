@@ -207,7 +207,7 @@ _vr_start_pulseaudio() {
   env XDG_RUNTIME_DIR="$VR_DIR" PULSE_STATE_PATH="$VR_DIR/state" \
       PULSE_CLIENTCONFIG="$VR_DIR/client.conf" \
     pulseaudio --daemonize=yes --system=no -n --exit-idle-time=-1 \
-      --realtime=no --high-priority=no --use-pid-file=yes \
+      --realtime=yes --high-priority=yes --use-pid-file=yes \
       --log-target="newfile:$VR_DIR/pulseaudio.log" \
       --load="module-native-protocol-unix auth-anonymous=1" \
       </dev/null >/dev/null 2>&1

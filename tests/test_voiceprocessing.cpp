@@ -114,8 +114,8 @@ TEST_F(VoiceProcessing, EchoCancellationModeFromTheEnvironment)
     struct Case { const char* value; int playbackChannels, delay; bool warns; };
     const int standard2 = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
     for (const Case c : {Case{nullptr, 2, standard2, false}, Case{"standard", 2, standard2, false},
-                         Case{"", 2, standard2, false}, Case{"robust", 1, 60, false}, Case{"robust", 2, 60, false},
-                         Case{"Robust", 2, standard2, true}}) {
+                         Case{"robust", 1, 60, false}, Case{"robust", 2, 60, false}, Case{"Robust", 2, standard2, true},
+                         Case{"", 1, 60, true}}) {
         SCOPED_TRACE(c.value ? c.value : "(unset)");
         c.value ? setenv("TAUDIO2_AEC", c.value, 1) : unsetenv("TAUDIO2_AEC");
         log.clear();
@@ -124,8 +124,10 @@ TEST_F(VoiceProcessing, EchoCancellationModeFromTheEnvironment)
         EXPECT_EQ(p.m_apm->delay_offset_ms(), c.delay);
         EXPECT_TRUE(log.has("Universal device buffer period=20, pimpl->m_aecDelay=" + std::to_string(c.delay)));
         EXPECT_EQ(log.countStartingWith("TAUDIO2_AEC="), c.warns ? 1 : 0);
-        EXPECT_EQ(log.has("TAUDIO2_AEC=Robust is not an echo-cancellation mode (standard, robust); using standard"),
-                  c.warns);
+        if (c.warns) {
+            EXPECT_TRUE(log.has("TAUDIO2_AEC=" + std::string(c.value) +
+                                " is not an echo-cancellation mode (standard, robust); using standard"));
+        }
         dev->closeStream();
     }
 }

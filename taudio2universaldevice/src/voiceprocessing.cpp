@@ -25,11 +25,11 @@ namespace {
 
 // TAUDIO2_AEC, read at every open. "robust" lets the canceller search for
 // the echo (extended filter, delay-agnostic estimation) instead of trusting
-// the told delay alone; unset, empty or "standard" keeps the plain module.
+// the told delay alone; unset or "standard" keeps the plain module.
 bool robustEchoCancellationRequested()
 {
     const char* mode = std::getenv("TAUDIO2_AEC");
-    if (!mode || !*mode || std::strcmp(mode, "standard") == 0)
+    if (!mode || std::strcmp(mode, "standard") == 0)
         return false;
     if (std::strcmp(mode, "robust") == 0)
         return true;
@@ -81,8 +81,8 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
 
     // A two-channel output goes through the desktop mixer, whose delay is
     // measured rather than derived from the period. The robust canceller
-    // finds a later echo by itself but not an earlier one, so it keeps the
-    // short three periods whatever the output.
+    // copes with an echo up to some 100 ms later than told but hardly with an
+    // earlier one, so it keeps the short three periods whatever the output.
     if (m_playbackChannels == 2 && !robust)
         m_aecDelay = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
 

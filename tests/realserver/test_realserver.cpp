@@ -437,9 +437,11 @@ TEST_F(RealServer, ListsTheServersDevicesWithDirectionsAndDefaults)
         EXPECT_EQ(d.m_kind, 1) << d.m_name;
         seen.insert((d.m_type == TAudio2DeviceInfo::CAPTURE_DEVICE ? "C " : "P ") + d.m_name + (d.m_isDefault ? " *" : ""));
     }
-    // And that is the room as the script built it (* marks the defaults).
+    // And that is the room as the script built it (* marks the defaults);
+    // PipeWire names a sink's monitor after the sink itself.
+    const std::string monitor = server == "pipewire" ? "C " : "C Monitor of ";
     EXPECT_EQ(seen, std::multiset<std::string>({"C Room microphone *", "P Room speaker *", "P Room near-end talker",
-                                                "C Monitor of Room speaker", "C Monitor of Room near-end talker"}));
+                                                monitor + "Room speaker", monitor + "Room near-end talker"}));
 
     for (const auto type : {TAudio2DeviceInfo::CAPTURE_DEVICE, TAudio2DeviceInfo::PLAYBACK_DEVICE}) {
         const auto list = device->devices(type);
@@ -524,9 +526,18 @@ const auto FAR_END_LENGTH = 10s;
 const auto TALKER_AFTER = 11s;
 const auto CALL_LENGTH = 17s;
 
-// What made a call unfit for measuring: late callbacks or lost samples
-// (a loaded machine), or a stream that stalled.
-std::string disturbance(const Recording& r, Clock::time_point opened)
+// The longest echo delay each server shows at rest (its round trip at
+// 960-frame buffers plus the room's acoustic path, with some headroom).
+// A busy machine makes the round trip grow past it, out of the window the
+// canceller is built for.
+int usualMaxEchoMs()
+{
+    return server == "pipewire" ? 150 : 200;
+}
+
+// What made a call unfit for measuring: late callbacks, lost samples, a
+// stalled stream or a grown round trip, all signs of a loaded machine.
+std::string disturbance(const Recording& r, Clock::time_point opened, double echoDelayMs)
 {
     const Probe& p = *r.probe;
     const int calls = std::min<int>(p.calls, static_cast<int>(p.times.size()));
@@ -537,13 +548,16 @@ std::string disturbance(const Recording& r, Clock::time_point opened)
     const auto anomalies = room->logAfter("TAudio2UniversalDevice_p::rtAudioCallback lost samples").size() +
                            room->logAfter("Universal device resynch").size();
     std::string why;
-    if (worstMs > 150)
+    if (worstMs > 100)
         why += "a callback " + std::to_string(worstMs) + " ms late; ";
+    if (echoDelayMs > usualMaxEchoMs())
+        why += "echo delay " + std::to_string(int(echoDelayMs)) + " ms, past this server's usual " +
+               std::to_string(usualMaxEchoMs()) + " ms; ";
     if (anomalies > 0)
         why += std::to_string(anomalies) + " lost-sample or resynch lines; ";
     if (p.callsBefore(opened + CALL_LENGTH) < static_cast<int>((CALL_LENGTH - 1s) / 20ms))
         why += "the stream stalled; ";
-    return why;
+    return why.substr(0, why.size() > 2 ? why.size() - 2 : 0);
 }
 
 CallFigures measureCall(int channels, const char* mode, const Samples& farEnd)
@@ -562,11 +576,10 @@ CallFigures measureCall(int channels, const char* mode, const Samples& farEnd)
     if (::testing::Test::HasFatalFailure())
         return f;
     f.toldMs = r.aecDelayMs;
-    f.disturbance = disturbance(r, opened);
-
     const std::size_t second = CLIENT_RATE, farEndFrames = far.size();
     const Samples played(r.playback.begin(), r.playback.begin() + std::min(r.playback.size(), farEndFrames));
     f.delayMs = findLag(played, r.capture, second / 2).first * 1000.0 / CLIENT_RATE;
+    f.disturbance = disturbance(r, opened, f.delayMs);
 
     // One-second windows from the second second while the far end talks; the
     // pauses between sentences carry too little echo to measure.
@@ -601,17 +614,22 @@ TEST_F(RealServer, EchoCancellationMatrix)
                                      (channels == 1 ? "" : "s") + ", " + mode;
             SCOPED_TRACE(cell);
             CallFigures f;
-            for (int attempt = 1; attempt <= 3; ++attempt) {
+            const int attempts = 4;
+            for (int attempt = 1; attempt <= attempts; ++attempt) {
                 ASSERT_NO_FATAL_FAILURE(f = measureCall(channels, mode, farEnd));
                 if (f.disturbance.empty())
                     break;
                 printf("real server: %s: call %d disturbed (%s), %s\n", cell.c_str(), attempt,
-                       f.disturbance.c_str(), attempt < 3 ? "retrying" : "keeping it");
+                       f.disturbance.c_str(), attempt < attempts ? "retrying" : "keeping it");
+                fflush(stdout);
+                if (attempt < attempts)
+                    std::this_thread::sleep_for(5s);   // let a passing load go by
             }
             printf("real server: %s: echo delay %.0f ms, told %d ms, ERLE median %.1f dB, near end kept %+.1f dB\n",
                    cell.c_str(), f.delayMs, f.toldMs, f.erleDb, f.nearKeptDb);
             fflush(stdout);
             EXPECT_GT(f.delayMs, ECHO_PATH_MS);
+            SCOPED_TRACE(f.disturbance.empty() ? "" : "every call was disturbed; the machine was too busy to measure");
             if (std::strcmp(mode, "robust") == 0) {
                 EXPECT_GE(f.erleDb, 30.0);
                 EXPECT_GE(f.nearKeptDb, -6.0);
