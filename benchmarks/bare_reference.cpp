@@ -39,6 +39,8 @@ BareReference::BareReference(bool robust, int toldDelayMs)
     } else {
         m_apm.reset(webrtc::AudioProcessing::Create());
     }
+    // The device's settings, restated rather than shared: the reference is
+    // what the device is measured against, so it does not borrow its code.
     m_apm->high_pass_filter()->Enable(true);
     m_apm->echo_cancellation()->enable_drift_compensation(false);
     m_apm->echo_cancellation()->Enable(true);

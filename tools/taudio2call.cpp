@@ -490,13 +490,12 @@ void printSummary(const CallOptions& options, const CallTotals& totals, const Re
 // Beside the recordings, so the report can judge the echo delay it measures.
 void writeCallRecord(const CallOptions& options)
 {
-    CallRecord record;
-    record.rate = options.rate;
-    record.periodMs = options.periodMs;
-    record.playbackChannels = options.playbackChannels;
-    record.captureChannels = options.captureChannels;
-    record.toldDelayMs = ToldDelayMs.load();
-    record.mode = effectiveAecMode(std::getenv(AEC_MODE_VARIABLE));
+    const CallRecord record{options.rate,
+                            options.periodMs,
+                            options.playbackChannels,
+                            options.captureChannels,
+                            ToldDelayMs.load(),
+                            effectiveAecMode(std::getenv(AEC_MODE_VARIABLE))};
     const std::string path = homeFile(CALL_RECORD_FILE);
     std::ofstream(path) << callRecordJson(record);
 }
