@@ -88,7 +88,7 @@ class DiagnosisTest(unittest.TestCase):
                 (140.0, 130, "standard", 2, "outside the standard window"),
                 (183.0, 60, "robust", 1, "robust mode finds an echo later than the told delay itself"),
                 (50.0, 130, "robust", 2, "before the told delay, which neither mode handles well; "
-                                         "measure one output channel (--channels 1)"),
+                                         "try one output channel (--channels 1)"),
                 (float("nan"), 60, "standard", 1, "no echo delay could be measured"),
                 (181.0, -1, "standard", 1, "did not log")):
             with self.subTest(delay=delay, told=told, mode=mode):

@@ -47,6 +47,7 @@ TEST(CallOptions, ValidationBoundaries)
         {{"--aec", "robust"}, true, ""}, {{"--aec", "standard"}, true, ""}, {{"--aec", "Robust"}, false, "Robust"},
         {{"--calibrate", "--rate", "48000", "--period", "40"}, true, ""}, {{"--calibrate", "--channels", "2"}, false, "channels"},
         {{"--calibrate", "--capture-channels", "0"}, false, "capture-channels"}, {{"--calibrate", "--record", "a.wav"}, false, "record"},
+        {{"--calibrate", "--duration", "5"}, false, "duration"},
     };
     for (const auto& c : cases) {
         const ParseResult r = parseCallOptions(QStringList{"taudio2call"} + c.args);

@@ -59,6 +59,9 @@ how the windows are judged (1 s windows by default):
   near end kept    windows with the far end silent and capture level >
                    --near-threshold dBFS: median of capture_aec level -
                    capture level (positive when the processing adds gain).
+  call record      with call.json beside the recordings (taudio2call
+                   --measure-aec writes it), a last line compares the echo
+                   delay with the delay the canceller was told.
 exit status: 0 report written (whatever the verdict), 2 recordings missing or
 unreadable.
 """
@@ -252,7 +255,7 @@ def diagnose(delay_ms, record):
     other = "one output channel (--channels 1)" if channels == 2 else "two output channels (--channels 2)"
     if late < 0:
         return text + ("the echo comes before the told delay, which neither mode handles well; "
-                       f"measure {other} with taudio2call --calibrate")
+                       f"try {other}: taudio2call --calibrate measures both")
     if mode == "robust":
         return text + "robust mode finds an echo later than the told delay itself"
     if low <= delay_ms <= high:

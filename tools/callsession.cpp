@@ -156,7 +156,7 @@ ParseResult parseCallOptions(const QStringList& arguments)
     o.recordFile = parser.value("record").toStdString();
     o.aecMode = parser.value("aec").toStdString();
     o.calibrate = parser.isSet("calibrate");
-    for (const char* callOnly : {"channels", "capture-channels", "play", "tone", "loop", "record"}) {
+    for (const char* callOnly : {"channels", "capture-channels", "play", "tone", "loop", "record", "duration"}) {
         if (o.calibrate && parser.isSet(callOnly)) {
             result.message = std::string("--calibrate plays its own probe with one and two output channels and one capture channel; leave out --")
                 + callOnly;

@@ -32,8 +32,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -601,12 +601,12 @@ int calibrateOne(const CallOptions& options, const std::string& mode)
         return fail("calibration stopped", EXIT_OK);
 
     const std::string label = options.playbackChannels == 1 ? "1 output channel:  " : "2 output channels: ";
+    if (!source.finished())
+        return fail(label + "the stream stalled before the probe had played");
     Clip played, heard;
     const auto files = diagnosticFiles(QDir::homePath().toStdString());
     if (!loadClip(files[2], options.rate, &played, &error) || !loadClip(files[0], options.rate, &heard, &error))
         return fail(label + "no recording to measure: " + error);
-    if (!source.finished())
-        return fail(label + "the stream stalled before the probe had played");
 
     const RoundTrip trip = findRoundTrip(played.samples, heard.samples, options.rate, MAX_ROUND_TRIP_MS);
     int told = ToldDelayMs.load();
