@@ -8,6 +8,7 @@
 # 6 s, and for the last 6 s both talk. With a reachable server the call uses
 # its devices.
 #
+# Arguments go to taudio2call, e.g. --aec robust.
 # Environment: BUILD_DIR (default ./build), OUT_DIR (default BUILD_DIR/call),
 # CALL_SECONDS (default 20), TAUDIO2_ROOM=1 to force the virtual room.
 set -euo pipefail
@@ -32,7 +33,7 @@ sox "$out/far-a.wav" "$out/far-b.wav" "$out/far-c.wav" "$far"
 rm -f "$out"/far-[abc].wav
 
 call=("$build/tools/taudio2call" --measure-aec --play "$far" --duration "$seconds"
-      --record "$out/received.wav")
+      --record "$out/received.wav" "$@")
 room="$root/scripts/virtual-room.sh"
 if [ "${TAUDIO2_ROOM:-0}" != 1 ] && pactl info > /dev/null 2>&1; then
   echo "== call on this machine's sound server"

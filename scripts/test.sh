@@ -26,6 +26,10 @@ for variant in plain sanitize; do
   grep -E '^(echo delay|real server:)' "$dir/Testing/Temporary/LastTest.log" || true
 done
 
+# The cost of the pipeline, briefly (a few seconds; the README has a longer run).
+echo "== pipeline cost"
+"$root/build-plain/benchmarks/bench_pipeline" --rounds 3 --seconds 10 || echo "(the benchmark failed; it is not a test)"
+
 # One closing line for both runs.
 passed=0; failed=0
 for variant in plain sanitize; do

@@ -75,6 +75,29 @@ class AnalysisTest(unittest.TestCase):
         self.assertAlmostEqual(silent_far.near_change_db, 6.0, delta=0.5)
 
 
+# As taudio2call writes it (tests/test_callsession.cpp holds the same text).
+CALL_RECORD = ('{"rate": 16000, "period_ms": 20, "playback_channels": 2, "capture_channels": 1, '
+               '"told_delay_ms": 130, "aec_mode": "robust"}\n')
+
+
+class DiagnosisTest(unittest.TestCase):
+    def test_echo_against_told_delay_and_window(self):
+        for delay, told, mode, channels, expected in (
+                (181.0, 130, "standard", 2, "+51 ms; inside the standard window (145 to 185 ms)"),
+                (186.0, 130, "standard", 2, "outside the standard window (145 to 185 ms); run with --aec robust"),
+                (140.0, 130, "standard", 2, "outside the standard window"),
+                (183.0, 60, "robust", 1, "robust mode finds an echo later than the told delay itself"),
+                (50.0, 130, "robust", 2, "before the told delay, which neither mode handles well; "
+                                         "try one output channel (--channels 1)"),
+                (float("nan"), 60, "standard", 1, "no echo delay could be measured"),
+                (181.0, -1, "standard", 1, "did not log")):
+            with self.subTest(delay=delay, told=told, mode=mode):
+                record = {"told_delay_ms": told, "aec_mode": mode, "playback_channels": channels}
+                line = aec_report.diagnose(delay, record)
+                self.assertTrue(line.startswith("diagnosis: "), line)
+                self.assertIn(expected, line)
+
+
 class CommandLineTest(unittest.TestCase):
     def setUp(self):
         self.dir = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
@@ -98,9 +121,23 @@ class CommandLineTest(unittest.TestCase):
         self.assertIn("\nduration: 13.98 s\n", out)
         self.assertAlmostEqual(float(out.split("\necho delay: ")[1].split()[0]), 120.0, delta=2.0)
         self.assertIn("\nverdict: weak echo cancellation (median ERLE 19.", out)
+        self.assertNotIn("diagnosis:", out)
         self.assertTrue(out.endswith(f"\nplot: {self.dir / 'aec_report.png'}\n"), out)
         data = (self.dir / "aec_report.png").read_bytes()
         self.assertTrue(data.startswith(b"\x89PNG") and len(data) > 10000)
+
+    def test_call_record_beside_the_recordings(self):
+        for text, diagnosis in ((CALL_RECORD, "\ndiagnosis: echo 120 ms, told 130 ms (robust mode, 2 output "
+                                              "channels): -10 ms; the echo comes before"),
+                                ("{not json", None), ('{"rate": 16000}', None)):
+            with self.subTest(text):
+                (self.dir / "call.json").write_text(text)
+                code, out, err = self.run_main(synth_call(seconds=6, far=((0, 6),), near=()), [])
+                self.assertEqual(code, 0, err)
+                if diagnosis:
+                    self.assertIn(diagnosis, out)
+                else:
+                    self.assertNotIn("diagnosis:", out)
 
     def test_unusable_recordings_exit_2(self):
         rec = synth_call(seconds=2, far=((0, 2),), near=())

@@ -1,9 +1,13 @@
 #include "callsession.h"
+#include "echodelay.h"
+
+#include <taudio2base/taudio2deviceinfo.h>
 
 #include <gtest/gtest.h>
 
 #include <sndfile.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -40,6 +44,10 @@ TEST(CallOptions, ValidationBoundaries)
         {{"--play", "a.wav", "--tone", "1000"}, false, ""}, {{"--play", ""}, false, ""}, {{"--loop"}, false, ""},
         {{"--record", "out.wav", "--capture-channels", "0"}, false, ""}, {{"--bogus"}, false, "bogus"},
         {{"stray"}, false, "stray"}, {{"--list", "--rate", "44100"}, true, ""},   // listing ignores call settings
+        {{"--aec", "robust"}, true, ""}, {{"--aec", "standard"}, true, ""}, {{"--aec", "Robust"}, false, "Robust"},
+        {{"--calibrate", "--rate", "48000", "--period", "40"}, true, ""}, {{"--calibrate", "--channels", "2"}, false, "channels"},
+        {{"--calibrate", "--capture-channels", "0"}, false, "capture-channels"}, {{"--calibrate", "--record", "a.wav"}, false, "record"},
+        {{"--calibrate", "--duration", "5"}, false, "duration"},
     };
     for (const auto& c : cases) {
         const ParseResult r = parseCallOptions(QStringList{"taudio2call"} + c.args);
@@ -155,4 +163,69 @@ TEST(ClipFile, LoadsAtTheCallRateOnly)
     EXPECT_NE(load("cs_wide.wav", 48000, 1, {1, 2}, &clip).find("--rate 48000"), std::string::npos);
     EXPECT_NE(load("cs_empty.wav", 16000, 1, {}, &clip).find("cs_empty.wav"), std::string::npos);
     EXPECT_NE(load("cs_absent.wav", 0, 1, {}, &clip).find("cs_absent.wav"), std::string::npos);
+}
+
+TEST(EchoDelay, ToldDelayLineModeAndCallRecord)
+{
+    const struct { const char* line; int told; } lines[] = {
+        {"Universal device buffer period=20, pimpl->m_aecDelay=60", 60},
+        {"Universal device buffer period=20, pimpl->m_aecDelay=130", 130},
+        {"Universal device buffer period=20, pimpl->m_aecDelay=", -1}, {"Universal device buffer period=20, pimpl->m_aecDelay=6x", -1},
+        {"Universal device resynch 9600/9600", -1}, {"In universal device buffer period=20, pimpl->m_aecDelay=60", -1},
+    };
+    for (const auto& l : lines)
+        EXPECT_EQ(toldDelayFromLog(l.line), l.told) << l.line;
+
+    const std::pair<const char*, const char*> modes[] = {
+        {nullptr, "standard"}, {"", "standard"}, {"standard", "standard"}, {"robust", "robust"}, {"ROBUST", "standard"}};
+    for (const auto& [value, mode] : modes)
+        EXPECT_EQ(effectiveAecMode(value), mode) << (value ? value : "unset");
+
+    EXPECT_EQ(standardToldDelay(1, 10), 60);
+    EXPECT_EQ(standardToldDelay(1, 40), 120);
+    EXPECT_EQ(standardToldDelay(2, 40), tamrel::TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY);
+    // The report reads this text (tests/test_aec_report.py holds the same).
+    EXPECT_EQ(callRecordJson({16000, 20, 2, 1, 130, "robust"}),
+              "{\"rate\": 16000, \"period_ms\": 20, \"playback_channels\": 2, \"capture_channels\": 1, "
+              "\"told_delay_ms\": 130, \"aec_mode\": \"robust\"}\n");
+}
+
+TEST(EchoDelay, VerdictAtTheWindowEdges)
+{
+    const struct { double roundTrip; int told; const char* mode; Verdict verdict; } cases[] = {
+        {145, 130, "standard", Verdict::Cancels}, {185, 130, "standard", Verdict::Cancels},
+        {144, 130, "standard", Verdict::UseRobust}, {186, 130, "standard", Verdict::UseRobust},
+        {183, 60, "standard", Verdict::UseRobust}, {183, 60, "robust", Verdict::Cancels},
+        {130, 130, "robust", Verdict::Cancels}, {50, 130, "standard", Verdict::WillNotCancel},
+        {50, 130, "robust", Verdict::WillNotCancel}, {-1, 60, "standard", Verdict::NoEcho},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(judgeEchoDelay(c.roundTrip, c.told, c.mode), c.verdict) << c.roundTrip << " told " << c.told << " " << c.mode;
+}
+
+TEST(EchoDelay, ProbeRoundTripUnderNoiseAndNearEnd)
+{
+    for (int rate : {8000, 16000}) {
+        const std::vector<int16_t> probe = makeProbe(rate, 0.5, 0.5, 1.5);
+        ASSERT_EQ(probe.size(), static_cast<size_t>(2.5 * rate));
+        LevelMeter level;
+        level.add(probe.data(), probe.size());
+        EXPECT_NEAR(level.peakDbfs(), -12.0, 0.1) << rate;
+        EXPECT_TRUE(std::all_of(probe.begin(), probe.begin() + rate / 2, [](int16_t s) { return s == 0; }));
+
+        // The echo 20 dB down and inverted, a louder near-end hum over all of it.
+        const size_t lag = static_cast<size_t>(0.1832 * rate);
+        std::vector<int16_t> heard(probe.size()), noise(probe.size());
+        uint32_t seed = 7;
+        for (size_t i = 0; i < heard.size(); ++i) {
+            seed = seed * 1664525u + 1013904223u;
+            const double hum = 1500.0 * std::sin(6.2831853 * 150.0 * i / rate) + double(seed >> 20) - 2048.0;
+            noise[i] = static_cast<int16_t>(hum);
+            heard[i] = static_cast<int16_t>(hum - (i >= lag ? 0.1 * probe[i - lag] : 0.0));
+        }
+        const RoundTrip found = findRoundTrip(probe, heard, rate, 400);
+        EXPECT_NEAR(found.ms, 1000.0 * lag / rate, 0.01) << rate;
+        EXPECT_EQ(findRoundTrip(probe, noise, rate, 400).ms, -1) << rate;
+        EXPECT_EQ(findRoundTrip(std::vector<int16_t>(probe.size(), 0), heard, rate, 1000).ms, -1);
+    }
 }

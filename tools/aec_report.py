@@ -9,6 +9,7 @@ main() is the command line.
 """
 
 import argparse
+import json
 import os
 import sys
 from dataclasses import dataclass, field
@@ -17,6 +18,11 @@ import numpy as np
 import soundfile as sf
 
 FILES = ("capture.wav", "capture_aec.wav", "playback.wav")
+# Written beside the recordings by taudio2call: the configuration of the call.
+CALL_RECORD = "call.json"
+# The standard canceller removes echo that comes this much later than the delay
+# it is told (README, "Echo delay"); robust mode finds later echoes itself.
+AEC_WINDOW_MS = (15.0, 55.0)
 
 # Digital silence would give infinite levels; clamp below the 16-bit noise floor
 # (one LSB RMS is about -90 dBFS) so empty windows read as "very quiet".
@@ -53,6 +59,9 @@ how the windows are judged (1 s windows by default):
   near end kept    windows with the far end silent and capture level >
                    --near-threshold dBFS: median of capture_aec level -
                    capture level (positive when the processing adds gain).
+  call record      with call.json beside the recordings (taudio2call
+                   --measure-aec writes it), a last line compares the echo
+                   delay with the delay the canceller was told.
 exit status: 0 report written (whatever the verdict), 2 recordings missing or
 unreadable.
 """
@@ -217,7 +226,45 @@ def judge(erle_median, near_change, good_erle=DEFAULTS["good_erle"]):
     return text
 
 
-def format_report(report, directory):
+def read_call_record(directory):
+    """The call's configuration from call.json, or None when there is none or it is unusable."""
+    path = os.path.join(directory, CALL_RECORD)
+    try:
+        with open(path, encoding="utf-8") as f:
+            record = json.load(f)
+        int(record["told_delay_ms"]), int(record["playback_channels"])
+    except (OSError, ValueError, KeyError, TypeError):
+        return None
+    return record
+
+
+def diagnose(delay_ms, record):
+    """One line: the measured echo delay against the told delay and the canceller's
+    window, and what to change when the echo falls outside it."""
+    told = int(record["told_delay_ms"])
+    mode = record.get("aec_mode", "standard")
+    channels = int(record["playback_channels"])
+    if told < 0:
+        return "diagnosis: the device did not log the delay it told the canceller"
+    if np.isnan(delay_ms):
+        return f"diagnosis: told {told} ms, but no echo delay could be measured"
+    late = delay_ms - told
+    low, high = told + AEC_WINDOW_MS[0], told + AEC_WINDOW_MS[1]
+    text = (f"diagnosis: echo {delay_ms:.0f} ms, told {told} ms ({mode} mode, {channels} output "
+            f"channel{'s' if channels != 1 else ''}): {late:+.0f} ms; ")
+    other = "one output channel (--channels 1)" if channels == 2 else "two output channels (--channels 2)"
+    if late < 0:
+        return text + ("the echo comes before the told delay, which neither mode handles well; "
+                       f"try {other}: taudio2call --calibrate measures both")
+    if mode == "robust":
+        return text + "robust mode finds an echo later than the told delay itself"
+    if low <= delay_ms <= high:
+        return text + f"inside the standard window ({low:.0f} to {high:.0f} ms)"
+    return text + (f"outside the standard window ({low:.0f} to {high:.0f} ms); "
+                   "run with --aec robust")
+
+
+def format_report(report, directory, record=None):
     rec, win = report.recordings, report.windows
     lines = [f"files: {', '.join(os.path.join(directory, f) for f in FILES)} ({rec.rate} Hz)"]
     lines += [f"note: {n}" for n in rec.notes]
@@ -253,6 +300,8 @@ def format_report(report, directory):
             lines.append("ERLE corrected for that gain: "
                          f"{report.erle_median_db + report.near_change_db:.1f} dB")
     lines.append(f"verdict: {report.verdict}")
+    if record is not None:
+        lines.append(diagnose(report.delay_ms, record))
     return lines
 
 
@@ -346,7 +395,7 @@ def main(argv=None):
         return 2
     report = analyse(rec, args.window, args.far_threshold, args.near_threshold,
                      args.margin, args.good_erle)
-    for line in format_report(report, directory):
+    for line in format_report(report, directory, read_call_record(directory)):
         print(line)
     try:
         plot_report(report, png)

@@ -85,6 +85,10 @@ bool validate(const CallOptions& o, std::string* error)
         *error = "--loop needs --play FILE";
         return false;
     }
+    if (!o.aecMode.empty() && o.aecMode != "standard" && o.aecMode != "robust") {
+        *error = "--aec must be standard or robust (got \"" + o.aecMode + "\")";
+        return false;
+    }
     if (!o.recordFile.empty() && o.captureChannels == 0) {
         *error = "--record needs capture; --capture-channels 0 opens playback only";
         return false;
@@ -118,6 +122,9 @@ ParseResult parseCallOptions(const QStringList& arguments)
         {"tone", "Far end: a sine tone at -12 dBFS (default 440 Hz when no --play).", "HZ"},
         {"record", "Write the processed capture to a WAV file at the client rate.", "FILE"},
         {"duration", "Seconds to run; 0 runs until Ctrl-C (default 0).", "SECONDS"},
+        {"aec", "Echo canceller mode: standard or robust (sets TAUDIO2_AEC for this call).", "MODE"},
+        {"calibrate", "Play a short probe with one and with two output channels, measure the echo's round trip "
+                      "and tell whether the canceller can remove it (rewrites the recordings in $HOME)."},
     });
 
     ParseResult result;
@@ -147,6 +154,15 @@ ParseResult parseCallOptions(const QStringList& arguments)
     o.playFile = parser.value("play").toStdString();
     o.loop = parser.isSet("loop");
     o.recordFile = parser.value("record").toStdString();
+    o.aecMode = parser.value("aec").toStdString();
+    o.calibrate = parser.isSet("calibrate");
+    for (const char* callOnly : {"channels", "capture-channels", "play", "tone", "loop", "record", "duration"}) {
+        if (o.calibrate && parser.isSet(callOnly)) {
+            result.message = std::string("--calibrate plays its own probe with one and two output channels and one capture channel; leave out --")
+                + callOnly;
+            return result;
+        }
+    }
     if (parser.isSet("play") && o.playFile.empty()) {
         result.message = "--play needs a file name";
         return result;

@@ -41,6 +41,8 @@ struct CallOptions {
     double toneHz = 440.0;
     std::string recordFile;      // empty: nothing recorded by the program
     double durationSeconds = 0;  // 0: until interrupted
+    std::string aecMode;         // "standard" or "robust"; empty leaves the environment as it is
+    bool calibrate = false;      // measure the echo delay instead of making a call
 };
 
 struct ParseResult {

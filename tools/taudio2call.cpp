@@ -7,8 +7,11 @@
 // capture ring, writes the recording, draws the meter and closes the stream.
 
 #include "callsession.h"
+#include "echodelay.h"
 
 #include <taudio2universaldevice/taudio2universaldevice.h>
+
+#include <shared/debugstream.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -26,7 +29,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -72,6 +78,37 @@ void installStopHandlers()
     sigaction(SIGTERM, &action, nullptr);
     // A closed terminal still gets a finished recording and a summary.
     sigaction(SIGHUP, &action, nullptr);
+}
+
+// The delay the device tells its canceller, from its set-up log line: the
+// device is the authority (its mode may change the delay), so it is read,
+// not recomputed.
+std::atomic<int> ToldDelayMs{-1};
+bool ForwardDeviceLog = true;
+
+void listenForToldDelay()
+{
+    // The line is logged at level 0; a tester who silenced the device's
+    // category still gets the delay, without its lines.
+    ForwardDeviceLog = DebugStream::debugEnabled("audio2", 0);
+    if (!ForwardDeviceLog)
+        DebugStream::setLevel("audio2", 0);
+    DebugStream::setSink([](const LogRecord& r) {
+        if (r.category == "audio2") {
+            const int told = toldDelayFromLog(r.text);
+            if (told >= 0)
+                ToldDelayMs.store(told);
+            if (!ForwardDeviceLog)
+                return;
+        }
+        // As the default output would print it; runs on the audio thread too, so no allocation.
+        const int length = static_cast<int>(r.text.size());
+        if (r.severity == LogSeverity::Debug)
+            std::fprintf(stderr, "[%s debug %d] %.*s\n", r.category.c_str(), r.level, length, r.text.data());
+        else
+            std::fprintf(stderr, "[%s %s] %.*s\n", r.category.c_str(),
+                         r.severity == LogSeverity::Info ? "info" : "warning", length, r.text.data());
+    });
 }
 
 double secondsSince(Clock::time_point start)
@@ -321,6 +358,11 @@ std::unique_ptr<FarEndSource> makeFarEnd(const CallOptions& options, std::string
     return std::make_unique<FarEndSource>(std::move(clip), options.loop);
 }
 
+std::string homeFile(const std::string& name)
+{
+    return QDir::homePath().toStdString() + "/" + name;
+}
+
 std::string normalisedPath(const std::string& path)
 {
     return QDir::cleanPath(QFileInfo(QString::fromStdString(path)).absoluteFilePath()).toStdString();
@@ -437,10 +479,25 @@ void printSummary(const CallOptions& options, const CallTotals& totals, const Re
             std::cout << "diagnostics     " << file << "\n";
             any = true;
         }
+        if (QFile::exists(QString::fromStdString(homeFile(CALL_RECORD_FILE))))
+            std::cout << "call record     " << homeFile(CALL_RECORD_FILE) << "\n";
         if (!any)
             std::cout << "diagnostics     none written (the device records them only while its voice processing runs)\n";
     }
     std::cout << std::flush;
+}
+
+// Beside the recordings, so the report can judge the echo delay it measures.
+void writeCallRecord(const CallOptions& options)
+{
+    const CallRecord record{options.rate,
+                            options.periodMs,
+                            options.playbackChannels,
+                            options.captureChannels,
+                            ToldDelayMs.load(),
+                            effectiveAecMode(std::getenv(AEC_MODE_VARIABLE))};
+    const std::string path = homeFile(CALL_RECORD_FILE);
+    std::ofstream(path) << callRecordJson(record);
 }
 
 int runCall(const CallOptions& options)
@@ -456,6 +513,8 @@ int runCall(const CallOptions& options)
         return fail(error);
 
     auto device = boost::make_shared<TAudio2UniversalDevice>(static_cast<unsigned>(options.rate));
+    // The device has just removed the recordings this record described.
+    QFile::remove(QString::fromStdString(homeFile(CALL_RECORD_FILE)));
     if (!checkDeviceName(*device, TAudio2DeviceInfo::CAPTURE_DEVICE,
                          options.captureChannels > 0 ? options.captureDevice : std::string(), &error)
         || !checkDeviceName(*device, TAudio2DeviceInfo::PLAYBACK_DEVICE, options.playbackDevice, &error))
@@ -476,6 +535,9 @@ int runCall(const CallOptions& options)
         recorder.discard();
         return fail(openFailureMessage(code, error));
     }
+
+    if (options.measureAec)
+        writeCallRecord(options);
 
     CallTotals totals = monitorCall(options, shared, recorder);
     // Returns once the audio thread has left the frame callback for good.
@@ -498,6 +560,88 @@ int runCall(const CallOptions& options)
     // Short runs may legitimately end before the first period.
     if (totals.periods == 0 && totals.seconds >= 1.0)
         return fail("the stream started but the device processed no period");
+    return EXIT_OK;
+}
+
+// The probe: silence while the stream settles, the chirp, then silence
+// long enough for any echo a sound server can add.
+const double PROBE_LEAD_SECONDS = 0.5;
+const double PROBE_SECONDS = 0.5;
+const double PROBE_TAIL_SECONDS = 1.5;
+const double MAX_ROUND_TRIP_MS = 1000.0;
+
+// Plays the probe through one configuration and measures the round trip
+// in the device's own recordings, which are what its canceller sees.
+int calibrateOne(const CallOptions& options, const std::string& mode)
+{
+    std::string error;
+    Clip probe{makeProbe(options.rate, PROBE_LEAD_SECONDS, PROBE_SECONDS, PROBE_TAIL_SECONDS), 1, options.rate};
+    const double seconds = static_cast<double>(probe.frames()) / options.rate;
+    FarEndSource source(std::move(probe), false);
+
+    auto device = boost::make_shared<TAudio2UniversalDevice>(static_cast<unsigned>(options.rate));
+    QFile::remove(QString::fromStdString(homeFile(CALL_RECORD_FILE)));
+    if (!checkDeviceName(*device, TAudio2DeviceInfo::CAPTURE_DEVICE, options.captureDevice, &error)
+        || !checkDeviceName(*device, TAudio2DeviceInfo::PLAYBACK_DEVICE, options.playbackDevice, &error))
+        return fail(error);
+    // The processed capture is of no use here: nothing goes through the ring.
+    AudioShared shared(&source, options.playbackChannels, 0, 1);
+    ToldDelayMs.store(-1);
+    const int code = device->openStream(toConfiguration(options), FrameHandler(&shared), &error);
+    if (code != 0) {
+        device->closeStream();
+        return fail(openFailureMessage(code, error));
+    }
+    writeCallRecord(options);
+    const Clock::time_point start = Clock::now();
+    while (!source.finished() && !StopRequested.load() && secondsSince(start) < seconds + STALL_SECONDS)
+        std::this_thread::sleep_for(POLL_INTERVAL);
+    device->closeStream();
+    if (StopRequested.load())
+        return fail("calibration stopped", EXIT_OK);
+
+    const std::string label = options.playbackChannels == 1 ? "1 output channel:  " : "2 output channels: ";
+    if (!source.finished())
+        return fail(label + "the stream stalled before the probe had played");
+    Clip played, heard;
+    const auto files = diagnosticFiles(QDir::homePath().toStdString());
+    if (!loadClip(files[2], options.rate, &played, &error) || !loadClip(files[0], options.rate, &heard, &error))
+        return fail(label + "no recording to measure: " + error);
+
+    const RoundTrip trip = findRoundTrip(played.samples, heard.samples, options.rate, MAX_ROUND_TRIP_MS);
+    int told = ToldDelayMs.load();
+    std::string toldNote;
+    if (told < 0) {
+        told = standardToldDelay(options.playbackChannels, options.periodMs);
+        toldNote = " (not logged; the standard value)";
+    }
+    char line[160];
+    if (trip.ms < 0)
+        std::snprintf(line, sizeof line, "no echo found (correlation %.2f), told %d ms", trip.clarity, told);
+    else
+        std::snprintf(line, sizeof line, "round trip %.0f ms, told %d ms: echo %+.0f ms from the told delay", trip.ms,
+                      told, trip.ms - told);
+    std::cout << label << line << toldNote << " (" << mode << " mode) -> "
+              << verdictText(judgeEchoDelay(trip.ms, told, mode)) << std::endl;
+    return EXIT_OK;
+}
+
+int runCalibration(const CallOptions& options)
+{
+    const std::string mode = effectiveAecMode(std::getenv(AEC_MODE_VARIABLE));
+    std::cout << "calibration at " << options.rate << " Hz, " << options.periodMs << " ms period, " << mode
+              << " mode; the standard canceller needs the echo " << AEC_WINDOW_EARLIEST_MS << " to "
+              << AEC_WINDOW_LATEST_MS << " ms after the told delay" << std::endl;
+    for (int channels : {1, 2}) {
+        CallOptions probeCall = options;
+        probeCall.playbackChannels = channels;
+        probeCall.captureChannels = 1;
+        probeCall.measureAec = true;
+        const int status = calibrateOne(probeCall, mode);
+        if (status != EXIT_OK || StopRequested.load())
+            return status;
+    }
+    std::cout << "the recordings of the last probe are in " << QDir::homePath().toStdString() << std::endl;
     return EXIT_OK;
 }
 
@@ -527,6 +671,9 @@ int main(int argc, char** argv)
         auto device = boost::make_shared<TAudio2UniversalDevice>(TAudio2UniversalDevice::DEFAULT_SAMPLE_RATE);
         return listDevices(*device);
     }
+    if (!parsed.options.aecMode.empty())
+        setenv(AEC_MODE_VARIABLE, parsed.options.aecMode.c_str(), 1);
+    listenForToldDelay();
     installStopHandlers();
-    return runCall(parsed.options);
+    return parsed.options.calibrate ? runCalibration(parsed.options) : runCall(parsed.options);
 }

@@ -1,0 +1,239 @@
+// What the device costs per buffer against the bare calls it makes: far-end
+// speech through the device (built on the scripted fake card) and through
+// the bare reference, with the card's microphone hearing the output again
+// 180 ms later, as on a desktop sound server. Prints a Markdown table.
+//
+//   bench_pipeline [--rounds N] [--seconds S] [far-end WAV at 16 kHz]
+#include "bare_reference.h"
+
+#include "fakecard.h"
+
+#include <taudio2universaldevice/taudio2universaldevice.h>
+
+#include <boost/make_shared.hpp>
+#include <sndfile.h>
+
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <string>
+#include <vector>
+
+// Counts C++ allocations, to show that the steady state makes none.
+namespace {
+std::atomic<long> Allocations{0};
+}
+void* operator new(std::size_t size)
+{
+    Allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(size ? size : 1))
+        return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+
+namespace {
+
+const int CARD_FRAMES = 960;     // 20 ms at 48 kHz
+const int CLIENT_FRAMES = 320;   // 20 ms at 16 kHz
+const int ECHO_MS = 180;
+const int TOLD_MS = 60;          // one output channel, 20 ms period
+// The canceller adapts during the first seconds; cost and echo are judged after.
+const int SETTLE_BUFFERS = 150;
+
+double threadCpuMicros()
+{
+    timespec t;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return t.tv_sec * 1e6 + t.tv_nsec / 1e3;
+}
+
+std::vector<int16_t> readSpeech(const std::string& path)
+{
+    SF_INFO info{};
+    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
+    if (!f || info.samplerate != 16000 || info.channels != 1) {
+        std::fprintf(stderr, "bench_pipeline: %s must be mono 16 kHz speech\n", path.c_str());
+        std::exit(2);
+    }
+    std::vector<int16_t> s(static_cast<size_t>(info.frames));
+    sf_read_short(f, s.data(), info.frames);
+    sf_close(f);
+    return s;
+}
+
+struct Run {
+    double microsPerBuffer = 0;
+    double allocationsPerBuffer = 0;
+    double erleDb = 0;
+};
+
+// One process step: the 48 kHz input heard, the output to play, the
+// client's processed capture and the far end it hands over.
+using Step = std::function<void(const int16_t*, int16_t*, int16_t*, const int16_t*)>;
+
+// Plays `buffers` buffers of far-end speech through `step` in the room.
+Run runCall(const std::vector<int16_t>& speech, int buffers, const Step& step)
+{
+    const size_t echo = static_cast<size_t>(ECHO_MS) * 48;
+    std::vector<int16_t> played(static_cast<size_t>(buffers) * CARD_FRAMES + echo, 0);
+    std::vector<int16_t> input(CARD_FRAMES), output(CARD_FRAMES), processed(CLIENT_FRAMES), farEnd(CLIENT_FRAMES);
+    uint32_t noise = 12345;
+    double cpu = 0, heard = 0, left = 0;
+    long allocations = 0;
+    for (int b = 0; b < buffers; ++b) {
+        const size_t start = static_cast<size_t>(b) * CARD_FRAMES;
+        for (int i = 0; i < CARD_FRAMES; ++i) {
+            noise = noise * 1664525u + 1013904223u;
+            const size_t t = start + i;
+            const int echoSample = t >= echo ? played[t - echo] / 2 : 0;
+            input[i] = static_cast<int16_t>(echoSample + static_cast<int>(noise >> 28) - 8);
+        }
+        const size_t from = (static_cast<size_t>(b) * CLIENT_FRAMES) % (speech.size() - CLIENT_FRAMES);
+        std::copy_n(speech.begin() + static_cast<long>(from), CLIENT_FRAMES, farEnd.begin());
+
+        const long allocationsBefore = Allocations.load(std::memory_order_relaxed);
+        const double before = threadCpuMicros();
+        step(input.data(), output.data(), processed.data(), farEnd.data());
+        const double spent = threadCpuMicros() - before;
+        if (b >= SETTLE_BUFFERS) {
+            cpu += spent;
+            allocations += Allocations.load(std::memory_order_relaxed) - allocationsBefore;
+            for (int i = 0; i < CARD_FRAMES; ++i)
+                heard += double(input[i]) * input[i] / CARD_FRAMES;
+            for (int i = 0; i < CLIENT_FRAMES; ++i)
+                left += double(processed[i]) * processed[i] / CLIENT_FRAMES;
+        }
+        std::copy(output.begin(), output.end(), played.begin() + static_cast<long>(start));
+    }
+    const int measured = buffers - SETTLE_BUFFERS;
+    return Run{cpu / measured, double(allocations) / measured, 10.0 * std::log10(heard / std::max(left, 1.0))};
+}
+
+Run bareCall(const std::vector<int16_t>& speech, int buffers, bool robust)
+{
+    bench::BareReference bare(robust, TOLD_MS);
+    return runCall(speech, buffers, [&](const int16_t* in, int16_t* out, int16_t* processed, const int16_t* far) {
+        bare.process(in, out, processed, far);
+    });
+}
+
+Run deviceCall(const std::vector<int16_t>& speech, int buffers, bool robust)
+{
+    // The mode is read when the stream opens.
+    if (robust)
+        setenv("TAUDIO2_AEC", "robust", 1);
+    else
+        unsetenv("TAUDIO2_AEC");
+    fakecard::reset();
+    fakecard::Card& card = fakecard::card();
+    fakecard::Device speakers, microphone;
+    speakers.name = "Speakers";
+    speakers.outputChannels = 1;
+    microphone.name = "Microphone";
+    microphone.inputChannels = 1;
+    card.devices = {speakers, microphone};
+    card.defaultOutput = 0;
+    card.defaultInput = 1;
+
+    auto device = boost::make_shared<tamrel::TAudio2UniversalDevice>(16000);
+    tamrel::TAudio2StreamConfiguration conf;   // 16 kHz, 20 ms, one channel each way
+    int16_t* processedOut = nullptr;
+    const int16_t* farIn = nullptr;
+    const tamrel::TAudio2FrameCallback client = [&](const char* capture, int captureBytes, char* playback, int bytes, int) {
+        std::memcpy(processedOut, capture, static_cast<size_t>(std::min(captureBytes, CLIENT_FRAMES * 2)));
+        std::memcpy(playback, farIn, static_cast<size_t>(bytes));
+        return true;
+    };
+    if (device->openStream(conf, client, nullptr) != 0) {
+        std::fprintf(stderr, "bench_pipeline: the device did not open on the fake card\n");
+        std::exit(1);
+    }
+    const Run run = runCall(speech, buffers, [&](const int16_t* in, int16_t* out, int16_t* processed, const int16_t* far) {
+        processedOut = processed;
+        farIn = far;
+        fakecard::deliver(out, const_cast<int16_t*>(in), CARD_FRAMES);
+    });
+    device->closeStream();
+    return run;
+}
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int rounds = 5;
+    double seconds = 20;
+    std::string speechPath = TAUDIO2_SPEECH;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--rounds" && i + 1 < argc)
+            rounds = std::max(1, std::atoi(argv[++i]));
+        else if (arg == "--seconds" && i + 1 < argc)
+            seconds = std::max(5.0, std::atof(argv[++i]));
+        else
+            speechPath = arg;
+    }
+    // Silences the device's set-up lines; the table is the output.
+    setenv("TAMREL_LOG", "audio2=-1", 1);
+    const std::vector<int16_t> speech = readSpeech(speechPath);
+    const int buffers = static_cast<int>(seconds * 50);
+
+    struct Variant {
+        const char* name;
+        bool device;
+        bool robust;
+        std::vector<Run> runs;
+    } variants[] = {{"bare, standard", false, false, {}}, {"device, standard", true, false, {}},
+                    {"bare, robust", false, true, {}}, {"device, robust", true, true, {}}};
+    // Interleaved, so that a busy moment of the machine hits every variant alike.
+    for (int r = 0; r < rounds; ++r)
+        for (Variant& v : variants)
+            v.runs.push_back(v.device ? deviceCall(speech, buffers, v.robust) : bareCall(speech, buffers, v.robust));
+
+    std::printf("Per 20 ms buffer, 48 kHz card, 16 kHz client, one output channel (told %d ms), echo %d ms later, "
+                "median of %d interleaved runs of %.0f s:\n\n",
+                TOLD_MS, ECHO_MS, rounds, seconds);
+    std::printf("| pipeline | CPU µs per buffer | device / bare | allocations per buffer | echo removed (dB) |\n");
+    std::printf("|---|---|---|---|---|\n");
+    const auto medianOf = [](const Variant& v, double Run::*field) {
+        std::vector<double> values;
+        for (const Run& run : v.runs)
+            values.push_back(run.*field);
+        return median(values);
+    };
+    for (const Variant& v : variants) {
+        char ratio[16] = "";
+        if (v.device)
+            std::snprintf(ratio, sizeof ratio, "%.2f",
+                          medianOf(v, &Run::microsPerBuffer) / medianOf(variants[v.robust ? 2 : 0], &Run::microsPerBuffer));
+        std::printf("| %s | %.1f | %s | %.2f | %.1f |\n", v.name, medianOf(v, &Run::microsPerBuffer), ratio,
+                    medianOf(v, &Run::allocationsPerBuffer), medianOf(v, &Run::erleDb));
+    }
+    std::printf("\nrobust / standard: bare %.2f, device %.2f\n",
+                medianOf(variants[2], &Run::microsPerBuffer) / medianOf(variants[0], &Run::microsPerBuffer),
+                medianOf(variants[3], &Run::microsPerBuffer) / medianOf(variants[1], &Run::microsPerBuffer));
+    for (const Variant& v : variants) {
+        for (const Run& run : v.runs) {
+            if (v.device && run.allocationsPerBuffer > 0) {
+                std::printf("the device allocated on the real-time path (%s)\n", v.name);
+                return 1;
+            }
+        }
+    }
+    return 0;
+}

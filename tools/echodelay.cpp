@@ -1,0 +1,156 @@
+#include "echodelay.h"
+
+#include <taudio2base/taudio2deviceinfo.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace tamrel {
+namespace call {
+
+namespace {
+
+const double TWO_PI = 6.283185307179586;
+const double PROBE_DBFS = -12.0;
+const double PROBE_LOW_HZ = 300.0;
+const double PROBE_HIGH_HZ = 4000.0;
+const double PROBE_FADE_SECONDS = 0.01;
+// Below this a correlation peak is as likely noise or near-end sound as echo.
+const double MIN_CLARITY = 0.1;
+
+const std::string_view TOLD_DELAY_PREFIX = "Universal device buffer period=";
+const std::string_view TOLD_DELAY_KEY = ", pimpl->m_aecDelay=";
+
+} // namespace
+
+const char* const AEC_MODE_VARIABLE = "TAUDIO2_AEC";
+
+std::string effectiveAecMode(const char* value)
+{
+    return value && std::string_view(value) == "robust" ? "robust" : "standard";
+}
+
+int toldDelayFromLog(std::string_view text)
+{
+    if (text.substr(0, TOLD_DELAY_PREFIX.size()) != TOLD_DELAY_PREFIX)
+        return -1;
+    const std::size_t key = text.find(TOLD_DELAY_KEY);
+    if (key == std::string_view::npos)
+        return -1;
+    const std::string_view digits = text.substr(key + TOLD_DELAY_KEY.size());
+    if (digits.empty() || digits.size() > 9)
+        return -1;
+    int value = 0;
+    for (char c : digits) {
+        if (c < '0' || c > '9')
+            return -1;
+        value = value * 10 + (c - '0');
+    }
+    return value;
+}
+
+std::vector<int16_t> makeProbe(int rate, double leadSeconds, double probeSeconds, double tailSeconds)
+{
+    const std::size_t lead = static_cast<std::size_t>(leadSeconds * rate);
+    const std::size_t length = static_cast<std::size_t>(probeSeconds * rate);
+    const std::size_t tail = static_cast<std::size_t>(tailSeconds * rate);
+    std::vector<int16_t> probe(lead + length + tail, 0);
+    // Kept well under half the rate, where the device's converters cut.
+    const double high = std::min(PROBE_HIGH_HZ, 0.4 * rate);
+    const double sweep = (high - PROBE_LOW_HZ) / probeSeconds;
+    const double amplitude = std::pow(10.0, PROBE_DBFS / 20.0) * 32767.0;
+    const double fade = PROBE_FADE_SECONDS * rate;
+    for (std::size_t i = 0; i < length; ++i) {
+        const double t = static_cast<double>(i) / rate;
+        const double edge = std::min(1.0, std::min(static_cast<double>(i), static_cast<double>(length - 1 - i)) / fade);
+        const double gain = 0.5 - 0.5 * std::cos(edge * TWO_PI / 2);
+        probe[lead + i] = static_cast<int16_t>(std::lround(amplitude * gain * std::sin(TWO_PI * (PROBE_LOW_HZ * t + 0.5 * sweep * t * t))));
+    }
+    return probe;
+}
+
+RoundTrip findRoundTrip(const std::vector<int16_t>& played, const std::vector<int16_t>& heard, int rate, double maxMs)
+{
+    RoundTrip result;
+    const auto audible = [](int16_t s) { return s != 0; };
+    const auto first = std::find_if(played.begin(), played.end(), audible);
+    if (first == played.end() || heard.empty())
+        return result;
+    const std::size_t begin = static_cast<std::size_t>(first - played.begin());
+    const std::size_t end = played.size() - static_cast<std::size_t>(std::find_if(played.rbegin(), played.rend(), audible) - played.rbegin());
+
+    double playedEnergy = 0;
+    for (std::size_t i = begin; i < end; ++i)
+        playedEnergy += static_cast<double>(played[i]) * played[i];
+    const std::size_t maxLag = static_cast<std::size_t>(std::max(0.0, maxMs) * rate / 1000.0);
+    double best = 0;
+    std::size_t bestLag = 0;
+    double bestHeardEnergy = 0;
+    for (std::size_t lag = 0; lag <= maxLag && begin + lag < heard.size(); ++lag) {
+        const std::size_t stop = std::min(end, heard.size() - lag);
+        double sum = 0, heardEnergy = 0;
+        for (std::size_t i = begin; i < stop; ++i) {
+            const double h = heard[i + lag];
+            sum += played[i] * h;
+            heardEnergy += h * h;
+        }
+        // Normalised by what was heard at this lag, so a loud near end
+        // elsewhere in the recording does not hide the echo.
+        const double score = heardEnergy > 0 ? std::fabs(sum) / std::sqrt(playedEnergy * heardEnergy) : 0;
+        if (score > best) {
+            best = score;
+            bestLag = lag;
+            bestHeardEnergy = heardEnergy;
+        }
+    }
+    result.clarity = best;
+    if (best >= MIN_CLARITY && bestHeardEnergy > 0)
+        result.ms = 1000.0 * static_cast<double>(bestLag) / rate;
+    return result;
+}
+
+Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode)
+{
+    if (roundTripMs < 0)
+        return Verdict::NoEcho;
+    const double late = roundTripMs - toldMs;
+    if (late < 0)
+        return Verdict::WillNotCancel;
+    if (mode == "robust" || (late >= AEC_WINDOW_EARLIEST_MS && late <= AEC_WINDOW_LATEST_MS))
+        return Verdict::Cancels;
+    return Verdict::UseRobust;
+}
+
+const char* verdictText(Verdict verdict)
+{
+    switch (verdict) {
+    case Verdict::Cancels:
+        return "cancels";
+    case Verdict::UseRobust:
+        return "use robust (--aec robust): the echo is outside the standard window";
+    case Verdict::WillNotCancel:
+        return "will not cancel: the echo comes before the told delay; try the other channel count";
+    case Verdict::NoEcho:
+        return "no echo heard (is the microphone near the speaker?)";
+    }
+    return "";
+}
+
+int standardToldDelay(int playbackChannels, int periodMs)
+{
+    if (playbackChannels == 2)
+        return TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
+    // The device never runs a period below 20 ms.
+    return 3 * std::max(20, periodMs);
+}
+
+std::string callRecordJson(const CallRecord& r)
+{
+    return "{\"rate\": " + std::to_string(r.rate) + ", \"period_ms\": " + std::to_string(r.periodMs)
+        + ", \"playback_channels\": " + std::to_string(r.playbackChannels) + ", \"capture_channels\": "
+        + std::to_string(r.captureChannels) + ", \"told_delay_ms\": " + std::to_string(r.toldDelayMs)
+        + ", \"aec_mode\": \"" + r.mode + "\"}\n";
+}
+
+} // namespace call
+} // namespace tamrel
