@@ -197,7 +197,8 @@ TEST(EchoDelay, VerdictAtTheWindowEdges)
         {144, 130, "standard", Verdict::UseRobust}, {186, 130, "standard", Verdict::UseRobust},
         {183, 60, "standard", Verdict::UseRobust}, {183, 60, "robust", Verdict::Cancels},
         {130, 130, "robust", Verdict::Cancels}, {50, 130, "standard", Verdict::WillNotCancel},
-        {50, 130, "robust", Verdict::WillNotCancel}, {-1, 60, "standard", Verdict::NoEcho},
+        {50, 130, "robust", Verdict::WillNotCancel}, {45, 60, "robust", Verdict::Cancels},
+        {39, 60, "robust", Verdict::WillNotCancel}, {-1, 60, "standard", Verdict::NoEcho},
     };
     for (const auto& c : cases)
         EXPECT_EQ(judgeEchoDelay(c.roundTrip, c.told, c.mode), c.verdict) << c.roundTrip << " told " << c.told << " " << c.mode;

@@ -114,9 +114,10 @@ Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode)
     if (roundTripMs < 0)
         return Verdict::NoEcho;
     const double late = roundTripMs - toldMs;
-    if (late < 0)
+    const bool robust = mode == "robust";
+    if (late < (robust ? -ROBUST_EARLIEST_MS : 0))
         return Verdict::WillNotCancel;
-    if (mode == "robust" || (late >= AEC_WINDOW_EARLIEST_MS && late <= AEC_WINDOW_LATEST_MS))
+    if (robust || (late >= AEC_WINDOW_EARLIEST_MS && late <= AEC_WINDOW_LATEST_MS))
         return Verdict::Cancels;
     return Verdict::UseRobust;
 }
