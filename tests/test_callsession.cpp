@@ -196,12 +196,14 @@ TEST(EchoDelay, VerdictAtTheWindowEdges)
         {145, 130, "standard", Verdict::Cancels}, {185, 130, "standard", Verdict::Cancels},
         {144, 130, "standard", Verdict::UseRobust}, {186, 130, "standard", Verdict::UseRobust},
         {183, 60, "standard", Verdict::UseRobust}, {183, 60, "robust", Verdict::Cancels},
-        {130, 130, "robust", Verdict::Cancels}, {50, 130, "standard", Verdict::WillNotCancel},
-        {50, 130, "robust", Verdict::WillNotCancel}, {45, 60, "robust", Verdict::Cancels},
-        {39, 60, "robust", Verdict::WillNotCancel}, {-1, 60, "standard", Verdict::NoEcho},
+        {50, 130, "standard", Verdict::UseRobust}, {39, 130, "standard", Verdict::WillNotCancel},
+        {45, 60, "robust", Verdict::Cancels}, {39, 60, "robust", Verdict::WillNotCancel},
+        {-1, 60, "standard", Verdict::NoEcho},
     };
+    // Robust mode is told three 20 ms periods.
     for (const auto& c : cases)
-        EXPECT_EQ(judgeEchoDelay(c.roundTrip, c.told, c.mode), c.verdict) << c.roundTrip << " told " << c.told << " " << c.mode;
+        EXPECT_EQ(judgeEchoDelay(c.roundTrip, c.told, c.mode, 60), c.verdict) << c.roundTrip << " told " << c.told << " "
+                                                                               << c.mode;
 }
 
 TEST(EchoDelay, ProbeRoundTripUnderNoiseAndNearEnd)

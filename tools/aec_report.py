@@ -23,6 +23,8 @@ CALL_RECORD = "call.json"
 # The standard canceller removes echo that comes this much later than the delay
 # it is told (README, "Echo delay"); robust mode finds later echoes itself.
 AEC_WINDOW_MS = (15.0, 55.0)
+# Robust mode also takes an echo this much earlier than told.
+ROBUST_EARLIEST_MS = 20.0
 
 # Digital silence would give infinite levels; clamp below the 16-bit noise floor
 # (one LSB RMS is about -90 dBFS) so empty windows read as "very quiet".
@@ -253,13 +255,17 @@ def diagnose(delay_ms, record):
     text = (f"diagnosis: echo {delay_ms:.0f} ms, told {told} ms ({mode} mode, {channels} output "
             f"channel{'s' if channels != 1 else ''}): {late:+.0f} ms; ")
     other = "one output channel (--channels 1)" if channels == 2 else "two output channels (--channels 2)"
-    if late < 0:
-        return text + ("the echo comes before the told delay, which neither mode handles well; "
-                       f"try {other}: taudio2call --calibrate measures both")
+    too_early = (text + "the echo comes before the told delay, which neither mode handles well; "
+                 f"try {other}: taudio2call --calibrate measures both")
     if mode == "robust":
-        return text + "robust mode finds an echo later than the told delay itself"
+        if late < -ROBUST_EARLIEST_MS:
+            return too_early
+        return text + "within robust mode's reach (from 20 ms before the told delay on)"
     if low <= delay_ms <= high:
         return text + f"inside the standard window ({low:.0f} to {high:.0f} ms)"
+    # Robust mode is told three periods whatever the output.
+    if delay_ms < 3 * max(20, int(record.get("period_ms", 20))) - ROBUST_EARLIEST_MS:
+        return too_early
     return text + (f"outside the standard window ({low:.0f} to {high:.0f} ms); "
                    "run with --aec robust")
 

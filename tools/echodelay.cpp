@@ -109,17 +109,17 @@ RoundTrip findRoundTrip(const std::vector<int16_t>& played, const std::vector<in
     return result;
 }
 
-Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode)
+Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode, int robustToldMs)
 {
     if (roundTripMs < 0)
         return Verdict::NoEcho;
+    const auto robustTakes = [roundTripMs](int told) { return roundTripMs >= told - ROBUST_EARLIEST_MS; };
+    if (mode == "robust")
+        return robustTakes(toldMs) ? Verdict::Cancels : Verdict::WillNotCancel;
     const double late = roundTripMs - toldMs;
-    const bool robust = mode == "robust";
-    if (late < (robust ? -ROBUST_EARLIEST_MS : 0))
-        return Verdict::WillNotCancel;
-    if (robust || (late >= AEC_WINDOW_EARLIEST_MS && late <= AEC_WINDOW_LATEST_MS))
+    if (late >= AEC_WINDOW_EARLIEST_MS && late <= AEC_WINDOW_LATEST_MS)
         return Verdict::Cancels;
-    return Verdict::UseRobust;
+    return robustTakes(robustToldMs) ? Verdict::UseRobust : Verdict::WillNotCancel;
 }
 
 const char* verdictText(Verdict verdict)

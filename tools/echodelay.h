@@ -51,9 +51,10 @@ enum class Verdict { Cancels, UseRobust, WillNotCancel, NoEcho };
 
 // What a canceller told `toldMs` makes of an echo `roundTripMs` late.
 // Standard mode needs the echo inside its window. Robust mode estimates the
-// delay itself and copes with an echo later than told; an echo earlier than
-// told is the case neither mode handles well.
-Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode);
+// delay itself and copes with an echo later than told, or a little earlier;
+// a standard miss is worth robust mode when robust, told `robustToldMs`
+// (3 periods), would take the echo.
+Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode, int robustToldMs);
 const char* verdictText(Verdict verdict);
 
 // What the device tells the canceller for a configuration in standard
