@@ -253,9 +253,10 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
             p.setupVoiceProcessing(configuration);
             try {
                 debug("audio2", 0, false) << "In universal device before start stream";
-                soundLayer.lock();
-                rtAudio.startStream();
-                soundLayer.unlock();
+                {
+                    const boost::lock_guard<boost::mutex> startLock(SoundLayerMutex);
+                    rtAudio.startStream();
+                }
                 debug("audio2", 0, false) << "In universal device after start stream";
                 // Stored after the start: buffers that come earlier are
                 // skipped. The lock keeps the audio thread from reading a
@@ -263,8 +264,6 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
                 boost::lock_guard<boost::mutex> lock(p.m_mutex);
                 p.m_callback = callback;
             } catch (const RtAudioError& e) {
-                if (soundLayer.owns_lock())
-                    soundLayer.unlock();
                 errorText = e.getMessage();
                 result = -5;
                 closeStream();
