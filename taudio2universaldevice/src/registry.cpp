@@ -119,6 +119,7 @@ void TAudio2UniversalDevice::reset()
 
 void TAudio2UniversalDevice_p::registerDevice(TAudio2UniversalDevice& device)
 {
+    // After the swap it holds the entry replaced, released after the lock.
     auto entry = boost::dynamic_pointer_cast<TAudio2UniversalDevice>(device.shared_from_this());
     boost::upgrade_lock<boost::shared_mutex> lock(DevicesMutex);
     boost::upgrade_to_unique_lock<boost::shared_mutex> change(lock);
