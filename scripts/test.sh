@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds with warnings as errors and runs the whole
 # test suite twice: plainly, then under AddressSanitizer and
-# UndefinedBehaviorSanitizer.
+# UndefinedBehaviorSanitizer; then the concurrency tests under ThreadSanitizer.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -26,13 +26,29 @@ for variant in plain sanitize; do
   grep -E '^(echo delay|real server:)' "$dir/Testing/Temporary/LastTest.log" || true
 done
 
+# ThreadSanitizer: the fake-card device tests (lock rules, stress) and the
+# real server's concurrency tests. Suppressions cover the sound server's
+# libraries only; a report in the library fails the run.
+(
+  dir="$root/build-tsan"
+  unset ASAN_OPTIONS UBSAN_OPTIONS
+  export TSAN_OPTIONS="suppressions=$root/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1"
+  echo "== tsan build"
+  cmake -S "$root" -B "$dir" -DTAUDIO2_WERROR=ON -DTAUDIO2_TSAN=ON
+  cmake --build "$dir" -j"$jobs" --target test_device test_realserver
+  echo "== tsan tests"
+  ctest --test-dir "$dir" --output-on-failure --timeout 600 -R '^(test_device|test_realserver_stress)$' \
+    --output-log "$dir/ctest.log"
+  grep -E '^(stress:|real server:)' "$dir/Testing/Temporary/LastTest.log" || true
+)
+
 # The cost of the pipeline, briefly (a few seconds; the README has a longer run).
 echo "== pipeline cost"
 "$root/build-plain/benchmarks/bench_pipeline" --rounds 3 --seconds 10 || echo "(the benchmark failed; it is not a test)"
 
-# One closing line for both runs.
+# One closing line for all runs.
 passed=0; failed=0
-for variant in plain sanitize; do
+for variant in plain sanitize tsan; do
   line=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "$root/build-$variant/ctest.log" | tail -n 1)
   total=$(echo "$line" | sed -E 's/.*out of ([0-9]+).*/\1/')
   bad=$(echo "$line" | sed -E 's/.*, ([0-9]+) tests failed.*/\1/')

@@ -10,15 +10,18 @@ namespace tamrel {
 void TAudio2UniversalDevice::closeStream()
 {
     TAudio2UniversalDevice_p& p = *d;
-    try {
-        if (p.m_rtAudio.isStreamRunning())
-            p.m_rtAudio.stopStream();
-    } catch (...) {
-    }
-    try {
-        if (p.m_rtAudio.isStreamOpen())
-            p.m_rtAudio.closeStream();
-    } catch (...) {
+    {
+        boost::lock_guard<boost::mutex> soundLayer(SoundLayerMutex);
+        try {
+            if (p.m_rtAudio.isStreamRunning())
+                p.m_rtAudio.stopStream();
+        } catch (...) {
+        }
+        try {
+            if (p.m_rtAudio.isStreamOpen())
+                p.m_rtAudio.closeStream();
+        } catch (...) {
+        }
     }
 
     const unsigned id = p.m_id;

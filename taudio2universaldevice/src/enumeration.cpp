@@ -1,6 +1,8 @@
 // Listing the sound devices a client may pick from.
 #include "taudio2universaldevice_p.h"
 
+#include <boost/thread/lock_guard.hpp>
+
 namespace tamrel {
 
 std::vector<boost::shared_ptr<TAudio2DeviceInfo>> TAudio2UniversalDevice::devices(TAudio2DeviceInfo::DeviceType type)
@@ -17,6 +19,7 @@ std::vector<boost::shared_ptr<TAudio2DeviceInfo>> TAudio2UniversalDevice::device
     };
     // A failing device ends the listing; what was gathered up to it is still useful.
     try {
+        boost::lock_guard<boost::mutex> soundLayer(SoundLayerMutex);
         RtAudio& rtAudio = d->m_rtAudio;
         const unsigned count = rtAudio.getDeviceCount();
         for (unsigned i = 0; i < count; ++i) {

@@ -5,6 +5,7 @@
 #include <shared/debugstream.h>
 
 #include <boost/thread/lock_guard.hpp>
+#include <boost/thread/locks.hpp>
 
 #include <algorithm>
 
@@ -49,6 +50,23 @@ void logSupportedRates(const char* what, const RtAudio::DeviceInfo& info)
         warning("audio2", false) << rate;
 }
 
+// The sound layer only reports a second open through its error callback
+// and carries on, and the buffers sized below would then change under the
+// running stream's callback. Refused before the record is touched.
+bool refuseSecondOpen(RtAudio& rtAudio, std::string* error)
+{
+    {
+        boost::lock_guard<boost::mutex> soundLayer(SoundLayerMutex);
+        if (!rtAudio.isStreamOpen())
+            return false;
+    }
+    const std::string text = "a stream is already open";
+    debug("audio2", 0, false) << "TAudio2UniversalDevice::openStream() failed: " << text;
+    if (error)
+        *error = text;
+    return true;
+}
+
 } // namespace
 
 int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configuration,
@@ -61,6 +79,9 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
 
     debug("audio2", 0, false) << "In universal device openStream captureChannels=" << configuration.captureChannels
                               << " playbackChannels" << configuration.playbackChannels;
+
+    if (refuseSecondOpen(rtAudio, error))
+        return -4;
 
     RtAudio::StreamParameters outputParameters;
     RtAudio::StreamParameters inputParameters;
@@ -83,6 +104,9 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
         index = findDevice(rtAudio, count, name, output, index);
         return true;
     };
+    // Device choice and probes, up to the rate choice, as one turn at the
+    // sound layer.
+    boost::unique_lock<boost::mutex> soundLayer(SoundLayerMutex);
     // A failed query is reported only after the negotiation below has run
     // and written the record.
     try {
@@ -165,6 +189,7 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
         }
         return -3;
     }
+    soundLayer.unlock();
     p.m_deviceSampleRate = deviceRate;
     debug("audio2", 0, false) << "In universal device using sample rate " << p.m_deviceSampleRate;
 
@@ -214,6 +239,7 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
 
         try {
             debug("audio2", 0, false) << "In universal device before open stream";
+            const boost::lock_guard<boost::mutex> openLock(SoundLayerMutex);
             rtAudio.openStream(&outputParameters, withCapture ? &inputParameters : nullptr, RTAUDIO_SINT16,
                                p.m_deviceSampleRate, &p.m_bufferFrames, &rtAudioCallBack, &p.m_id, &options,
                                &rtAudioError);
@@ -227,7 +253,10 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
             p.setupVoiceProcessing(configuration);
             try {
                 debug("audio2", 0, false) << "In universal device before start stream";
-                rtAudio.startStream();
+                {
+                    const boost::lock_guard<boost::mutex> startLock(SoundLayerMutex);
+                    rtAudio.startStream();
+                }
                 debug("audio2", 0, false) << "In universal device after start stream";
                 // Stored after the start: buffers that come earlier are
                 // skipped. The lock keeps the audio thread from reading a

@@ -5,16 +5,50 @@
 #include <shared/debugstream.h>
 #include <taudio2base/taudio2deviceinfo.h>
 
+#include <boost/thread/lock_guard.hpp>
 #include <boost/thread/locks.hpp>
 
 #include <exception>
+#include <vector>
 
 namespace tamrel {
 
-// Construction order matters: Devices dies first at exit, then its lock.
+// Construction order matters: at exit the streams still open are closed
+// first (below), then Devices dies, then the locks.
+boost::mutex SoundLayerMutex;
 boost::shared_mutex DevicesMutex;
 std::map<unsigned, boost::shared_ptr<TAudio2UniversalDevice>> Devices;
 unsigned DevicesIndexInc = 0;
+
+namespace {
+
+// Destroyed before Devices. Left to the map's destructor, an open device
+// would die while its audio thread looks the map up (a use after free), or
+// on that very thread if it held the last reference. Closing each stream
+// first stops its audio thread; the devices then die here.
+struct StreamsClosedAtExit {
+    ~StreamsClosedAtExit()
+    {
+        std::vector<boost::shared_ptr<TAudio2UniversalDevice>> open;
+        {
+            boost::shared_lock<boost::shared_mutex> lock(DevicesMutex);
+            for (const auto& entry : Devices)
+                if (entry.second)
+                    open.push_back(entry.second);
+        }
+        for (const auto& device : open)
+            device->closeStream();
+    }
+} streamsClosedAtExit;
+
+TAudio2UniversalDevice_p* newRecord()
+{
+    // The sound layer's constructor already queries the server.
+    boost::lock_guard<boost::mutex> soundLayer(SoundLayerMutex);
+    return new TAudio2UniversalDevice_p();
+}
+
+} // namespace
 
 const unsigned TAudio2UniversalDevice::DEFAULT_SAMPLE_RATE = 16000;
 
@@ -52,7 +86,7 @@ TAudio2UniversalDevice_p::TAudio2UniversalDevice_p()
 
 TAudio2UniversalDevice::TAudio2UniversalDevice(unsigned sampleRate)
     : m_hasVoicePreprocessor(true)
-    , d(new TAudio2UniversalDevice_p())
+    , d(newRecord())
 {
     TAudio2UniversalDevice_p::removeRecordings();
 
@@ -85,14 +119,26 @@ void TAudio2UniversalDevice::reset()
 
 void TAudio2UniversalDevice_p::registerDevice(TAudio2UniversalDevice& device)
 {
+    // After the swap it holds the entry replaced, released after the lock.
+    auto entry = boost::dynamic_pointer_cast<TAudio2UniversalDevice>(device.shared_from_this());
     boost::upgrade_lock<boost::shared_mutex> lock(DevicesMutex);
-    Devices[of(device).m_id] = boost::dynamic_pointer_cast<TAudio2UniversalDevice>(device.shared_from_this());
+    boost::upgrade_to_unique_lock<boost::shared_mutex> change(lock);
+    Devices[of(device).m_id].swap(entry);
 }
 
 void TAudio2UniversalDevice_p::unregisterDevice(unsigned id)
 {
+    // Declared before the lock so that it dies after it: it may hold the
+    // last reference, and a device dying under the lock would hold off
+    // every other device's callbacks meanwhile.
+    boost::shared_ptr<TAudio2UniversalDevice> released;
     boost::upgrade_lock<boost::shared_mutex> lock(DevicesMutex);
-    Devices.erase(id);
+    const auto it = Devices.find(id);
+    if (it == Devices.end())
+        return;
+    boost::upgrade_to_unique_lock<boost::shared_mutex> change(lock);
+    released.swap(it->second);
+    Devices.erase(it);
 }
 
 int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, double streamTime, unsigned status,

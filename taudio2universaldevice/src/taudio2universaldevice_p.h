@@ -94,12 +94,20 @@ public:
     uint32_t m_clientPlaybackChannels;
 };
 
-// Registry: every device whose stream is open, by id. Writers take
-// DevicesMutex in upgrade ownership, never exclusive, so that a writer does
-// not hold off the audio callbacks of other devices, which look up shared.
+// Registry: every device whose stream is open, by id. Writers prepare in
+// upgrade ownership, which admits the audio callbacks' shared lookups, and
+// upgrade to exclusive only for the insertion or erasure itself: a map
+// rebalanced under a lookup is undefined behaviour.
 extern std::map<unsigned, boost::shared_ptr<TAudio2UniversalDevice>> Devices;
 extern boost::shared_mutex DevicesMutex;
 extern unsigned DevicesIndexInc;
+
+// Serialises every call into the sound layer that is not the stream's own
+// callback (construction, device queries, open, start, stop, close) across
+// all devices: its queries are not safe to run concurrently across its
+// instances and hang when they do. Never taken on the audio thread and never
+// held together with DevicesMutex or a device's m_mutex.
+extern boost::mutex SoundLayerMutex;
 
 int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, double streamTime, unsigned status,
                     void* userData);

@@ -1,11 +1,16 @@
 #include "fakecard.h"
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
 namespace fakecard {
 
 Card& card()
 {
-    static Card instance;
-    return instance;
+    static Card* const instance = new Card;
+    return *instance;
 }
 
 void reset()
@@ -31,6 +36,8 @@ void count(Call call)
 
 class FakeApi : public RtApi {
 public:
+    ~FakeApi() override { halt(); }
+
     RtAudio::Api getCurrentApi() override { return RtAudio::RTAUDIO_DUMMY; }
 
     unsigned int getDeviceCount() override
@@ -78,6 +85,8 @@ public:
         count(Call::StartStream);
         stream_.state = STREAM_RUNNING;
         card().streamRunning = true;
+        if (card().callbackThreadPauseUs)
+            launch(card().callbackThreadPauseUs);
         if (card().duringStart)
             card().duringStart();
     }
@@ -85,6 +94,7 @@ public:
     void stopStream() override
     {
         count(Call::StopStream);
+        halt();
         stream_.state = STREAM_STOPPED;
         card().streamRunning = false;
     }
@@ -94,6 +104,7 @@ public:
     void closeStream() override
     {
         count(Call::CloseStream);
+        halt();
         stream_.state = STREAM_CLOSED;
         card().streamOpen = false;
         card().streamRunning = false;
@@ -120,12 +131,39 @@ public:
             o.options = *options;
         o.errorCallback = errorCallback;
         card().opened = o;
+        opened_ = o;
         count(Call::OpenStream);
         if (card().grantedBufferFrames)
             *bufferFrames = card().grantedBufferFrames;
         stream_.state = STREAM_STOPPED;
         card().streamOpen = true;
     }
+
+private:
+    void launch(unsigned pauseUs)
+    {
+        running_ = true;
+        thread_ = std::thread([this, pauseUs] {
+            const Opened o = opened_;
+            std::vector<short> out(o.bufferFrames * o.output.nChannels), in(o.bufferFrames * o.input.nChannels);
+            while (running_) {
+                o.callback(out.data(), o.hasInput ? in.data() : nullptr, o.bufferFrames, 0.0, 0, o.userData);
+                std::this_thread::sleep_for(std::chrono::microseconds(pauseUs));
+            }
+        });
+    }
+
+    // Returns once the stream's thread has finished its last callback.
+    void halt()
+    {
+        running_ = false;
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+    Opened opened_;
+    std::atomic<bool> running_{false};
+    std::thread thread_;
 };
 
 } // namespace

@@ -51,6 +51,10 @@ struct Card {
     int failingDeviceIndex = -1;
 
     unsigned grantedBufferFrames = 0;           // non-zero: written back by openStream
+    // Each started stream gets its own thread calling back every this many
+    // microseconds until it is stopped, closed or destroyed, as the real
+    // layer does; 0: no thread, the test delivers.
+    unsigned callbackThreadPauseUs = 0;
     std::function<void()> duringStart;          // runs inside startStream(), after the state change
 
     Opened opened;
@@ -59,7 +63,8 @@ struct Card {
     bool streamRunning = false;
 };
 
-// The one scripted system every RtAudio object of the process sees.
+// The one scripted system every RtAudio object of the process sees. It
+// outlives static destruction, so that streams closed at exit still find it.
 Card& card();
 void reset();
 

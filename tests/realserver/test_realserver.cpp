@@ -733,6 +733,135 @@ TEST_F(JackServer, StreamOpensAndReportsWhatTheServersPeriodCosts)
     }
 }
 
+// Threads, a second open and exit, on the real server. The ThreadSanitizer
+// build runs this suite on its own.
+using RealServerStress = RealServer;
+
+int envOr(const char* name, int fallback)
+{
+    const char* value = std::getenv(name);
+    return value ? std::atoi(value) : fallback;
+}
+
+TEST_F(RealServerStress, SecondOpenIsRefusedAndTheStreamRunsOn)
+{
+    auto device = boost::make_shared<TAudio2UniversalDevice>(CLIENT_RATE);
+    auto probe = std::make_shared<Probe>();
+    ASSERT_NO_FATAL_FAILURE(openStream(*device, byName(), *probe));
+    ASSERT_TRUE(probe->waitForCalls(10, 10s)) << "only " << probe->calls << " calls";
+
+    // Other buffer sizes: had the record been resized, the running callback
+    // would get (and the sanitizers see) periods of the wrong length.
+    std::string error;
+    EXPECT_EQ(device->openStream({48000, MICROPHONE, SPEAKER, 10, 2, 2, false}, probe->callback(), &error), -4);
+    EXPECT_EQ(error, "a stream is already open");
+    const int atRefusal = probe->calls;
+    EXPECT_TRUE(probe->waitForCalls(atRefusal + 25, 10s)) << "the stream stopped after the refused open";
+    EXPECT_EQ(probe->irregular.load(), 0);
+    device->closeStream();
+}
+
+// Threads each construct a device, list, open a stream by name, wait for its
+// first period and close, over and over. A watchdog ends the process when a
+// thread makes no progress: an unserialised sound layer hangs in its device
+// query. TAUDIO2_STRESS_THREADS and TAUDIO2_STRESS_SECONDS lengthen it.
+TEST_F(RealServerStress, ConcurrentOpensAndClosesNeverHang)
+{
+    const int threads = envOr("TAUDIO2_STRESS_THREADS", 4);
+    const auto length = std::chrono::seconds(envOr("TAUDIO2_STRESS_SECONDS", 5));
+    const auto stall = 30s;
+    struct Worker { std::atomic<Clock::rep> progress{0}; std::atomic<const char*> step{"start"}; };
+    std::vector<Worker> workers(threads);
+    std::atomic<int> cycles{0}, failedOpens{0}, silent{0};
+    std::atomic<int> running{threads};
+    const auto deadline = Clock::now() + length;
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t) {
+        pool.emplace_back([&, t] {
+            Worker& w = workers[t];
+            const auto mark = [&w](const char* step) {
+                w.step = step;
+                w.progress = Clock::now().time_since_epoch().count();
+            };
+            for (int n = 0; Clock::now() < deadline; ++n) {
+                mark("construct");
+                auto device = boost::make_shared<TAudio2UniversalDevice>(CLIENT_RATE);
+                mark("list");
+                if (n % 2 == 0)
+                    device->devices(TAudio2DeviceInfo::DeviceType(3));
+                mark("open");
+                auto probe = std::make_shared<Probe>();
+                std::string error;
+                if (device->openStream(byName(), probe->callback(), &error) != 0) {
+                    ++failedOpens;
+                    printf("real server: open failed: %s\n", error.c_str());
+                }
+                mark("first period");
+                if (!probe->waitForCalls(1, 10s))
+                    ++silent;
+                mark("close");
+                device->closeStream();
+                ++cycles;
+            }
+            mark("done");
+            --running;
+        });
+    }
+    const auto start = Clock::now();
+    while (running > 0) {
+        std::this_thread::sleep_for(100ms);
+        for (int t = 0; t < threads; ++t) {
+            const Clock::time_point last{Clock::duration(workers[t].progress.load())};
+            if (workers[t].progress != 0 && Clock::now() - last > stall) {
+                printf("real server: thread %d hung for %lld s in %s; giving up\n", t,
+                       static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(stall).count()),
+                       workers[t].step.load());
+                fflush(stdout);
+                std::_Exit(1);   // the hung threads cannot be joined; the room's guard stops the room
+            }
+        }
+    }
+    for (auto& thread : pool)
+        thread.join();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    printf("real server: %d threads opened and closed %d streams in %.0f s, %d failed to open, %d without a period "
+           "within 10 s (a loaded machine)\n", threads, cycles.load(), seconds, failedOpens.load(), silent.load());
+    EXPECT_EQ(failedOpens, 0);
+    EXPECT_GT(cycles, 0);
+    EXPECT_LT(silent, cycles) << "no stream ever ran";
+}
+
+// A client that returns from main with a stream open (the child mode at the
+// end of this file), run again and again: every exit must be clean, which
+// the sanitizer builds check. TAUDIO2_EXIT_RUNS sets the count.
+TEST_F(RealServerStress, ExitWithAStreamOpenIsClean)
+{
+    const int runs = envOr("TAUDIO2_EXIT_RUNS", 10);
+    int clean = 0;
+    for (int run = 0; run < runs; ++run) {
+        const CommandResult r = ::run("/proc/" + std::to_string(getpid()) + "/exe --exit-with-open-stream");
+        if (r.status == 0 && r.output.find("Sanitizer") == std::string::npos)
+            ++clean;
+        else
+            ADD_FAILURE() << "run " << run << " exited with " << r.status << ":\n" << r.output;
+    }
+    printf("real server: %d of %d exits with a stream open were clean\n", clean, runs);
+}
+
+int exitWithOpenStream()
+{
+    auto device = boost::make_shared<TAudio2UniversalDevice>(CLIENT_RATE);
+    auto probe = std::make_shared<Probe>();
+    std::string error;
+    if (device->openStream(byName(1, true), probe->callback(), &error) != 0) {
+        fprintf(stderr, "open failed: %s\n", error.c_str());
+        return 2;
+    }
+    if (!probe->waitForCalls(5, 10s))
+        fprintf(stderr, "the stream did not run\n");   // still exits with it open
+    return 0;
+}
+
 } // namespace
 
 // RtAudio 5.2's PulseAudio backend leaves a libpulse allocation behind each
@@ -745,6 +874,8 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string(argv[1]) == "--exit-with-open-stream")
+        return exitWithOpenStream();   // in the room of the parent test, whose environment it inherits
     ::testing::InitGoogleTest(&argc, argv);
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], "--server=", 9) == 0)
