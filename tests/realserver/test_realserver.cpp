@@ -536,8 +536,10 @@ int usualMaxEchoMs()
 }
 
 // What made a call unfit for measuring: late callbacks, lost samples, a
-// stalled stream or a grown round trip, all signs of a loaded machine.
-std::string disturbance(const Recording& r, Clock::time_point opened, double echoDelayMs)
+// stalled stream or a grown round trip, all signs of a loaded machine; or an
+// echo path that moved during the call (the room's loopback re-adjusting its
+// latency), which makes any canceller start over.
+std::string disturbance(const Recording& r, Clock::time_point opened, double echoDelayMs, double driftMs)
 {
     const Probe& p = *r.probe;
     const int calls = std::min<int>(p.calls, static_cast<int>(p.times.size()));
@@ -550,6 +552,8 @@ std::string disturbance(const Recording& r, Clock::time_point opened, double ech
     std::string why;
     if (worstMs > 100)
         why += "a callback " + std::to_string(worstMs) + " ms late; ";
+    if (std::abs(driftMs) > 10)
+        why += "the echo path moved by " + std::to_string(int(driftMs)) + " ms; ";
     if (echoDelayMs > usualMaxEchoMs())
         why += "echo delay " + std::to_string(int(echoDelayMs)) + " ms, past this server's usual " +
                std::to_string(usualMaxEchoMs()) + " ms; ";
@@ -579,7 +583,12 @@ CallFigures measureCall(int channels, const char* mode, const Samples& farEnd)
     const std::size_t second = CLIENT_RATE, farEndFrames = far.size();
     const Samples played(r.playback.begin(), r.playback.begin() + std::min(r.playback.size(), farEndFrames));
     f.delayMs = findLag(played, r.capture, second / 2).first * 1000.0 / CLIENT_RATE;
-    f.disturbance = disturbance(r, opened, f.delayMs);
+    const auto lagIn = [&](std::size_t from, std::size_t to) {
+        const Samples x(played.begin() + from, played.begin() + to), y(r.capture.begin() + from, r.capture.begin() + to);
+        return findLag(x, y, second / 2).first * 1000.0 / CLIENT_RATE;
+    };
+    const double drift = lagIn(farEndFrames / 2, farEndFrames) - lagIn(0, farEndFrames / 2);
+    f.disturbance = disturbance(r, opened, f.delayMs, drift);
 
     // One-second windows from the second second while the far end talks; the
     // pauses between sentences carry too little echo to measure.
