@@ -69,61 +69,100 @@ struct Levels {
     }
 };
 
-// Collapses a burst of identical lines (a dead sound server makes RtAudio
-// report the same error thousands of times a second): the first line goes
-// out, the copies are counted, and "... repeated N times" is written when a
-// different line comes, or once per window while the burst goes on.
-// Fixed storage: lines are emitted from the real-time thread too.
-class Burst {
+// Collapses bursts of identical lines: a dead sound server makes RtAudio
+// report its read and write errors, in turn, thousands of times a second.
+// A line goes out at most three times a second; further copies are counted
+// and told as "... repeated N times: line" when the second is up and
+// another line comes (or at a sink change, or at exit). The last few
+// distinct lines are tracked, so alternating lines collapse too. Fixed
+// storage: lines are emitted from the real-time thread as well.
+class Bursts {
 public:
     static constexpr auto Window = std::chrono::seconds(1);
+    static constexpr int Written = 3;   // a short list may repeat a line or two
 
-    // Counts the line if it repeats the last one within the window.
-    bool isCopy(const std::string& category, LogSeverity severity, int level, std::string_view text)
+    struct Line {
+        bool used = false;
+        char category[64] = {};
+        char text[512];
+        size_t length = 0;
+        LogSeverity severity = LogSeverity::Debug;
+        int level = 0;
+        int seen = 0;      // in this second
+        int repeats = 0;   // of those, not written
+        std::chrono::steady_clock::time_point since;
+
+        std::string_view view() const { return std::string_view(text, length); }
+    };
+
+    enum Verdict { New, Write, Count };
+
+    // Whether the line is new, or repeats a tracked one within that one's
+    // second, and is then written or only counted.
+    Verdict judge(const std::string& category, LogSeverity severity, int level, std::string_view text,
+                  std::chrono::steady_clock::time_point now)
     {
-        if (!m_valid || severity != m_severity || level != m_level || category != m_category ||
-            text != std::string_view(m_text, m_length) || std::chrono::steady_clock::now() - m_since >= Window)
-            return false;
-        ++m_repeats;
-        return true;
+        for (Line& line : m_lines) {
+            if (line.used && now - line.since < Window && line.severity == severity && line.level == level &&
+                category == line.category && text == line.view()) {
+                if (++line.seen <= Written)
+                    return Write;
+                ++line.repeats;
+                return Count;
+            }
+        }
+        return New;
     }
 
-    // Makes the line the one to compare with; lines too long to keep are never collapsed.
-    void start(const std::string& category, LogSeverity severity, int level, std::string_view text)
+    // Ends every burst whose second is up (all of them when `all`), oldest
+    // first, handing the ones with copies to `tell`.
+    template <typename Tell>
+    void end(std::chrono::steady_clock::time_point now, bool all, Tell tell)
     {
-        m_valid = category.size() < sizeof(m_category) && text.size() <= sizeof(m_text);
-        if (!m_valid)
-            return;
-        std::memcpy(m_category, category.c_str(), category.size() + 1);
-        std::memcpy(m_text, text.data(), text.size());
-        m_length = text.size();
-        m_severity = severity;
-        m_level = level;
-        m_since = std::chrono::steady_clock::now();
+        for (;;) {
+            Line* oldest = nullptr;
+            for (Line& line : m_lines)
+                if (line.used && (all || now - line.since >= Window) && (!oldest || line.since < oldest->since))
+                    oldest = &line;
+            if (!oldest)
+                return;
+            if (oldest->repeats > 0)
+                tell(*oldest);
+            oldest->used = false;
+        }
     }
 
-    // The copies not reported yet; the last line is forgotten.
-    int drain()
+    // Tracks the line, in place of the oldest when all places are taken.
+    template <typename Tell>
+    void track(const std::string& category, LogSeverity severity, int level, std::string_view text,
+               std::chrono::steady_clock::time_point now, Tell tell)
     {
-        const int repeats = m_repeats;
-        m_repeats = 0;
-        m_valid = false;
-        return repeats;
+        if (category.size() >= sizeof(Line::category) || text.size() > sizeof(Line::text))
+            return;   // too long to keep: never collapsed
+        Line* place = &m_lines[0];
+        for (Line& line : m_lines) {
+            if (!line.used) {
+                place = &line;
+                break;
+            }
+            if (line.since < place->since)
+                place = &line;
+        }
+        if (place->used && place->repeats > 0)
+            tell(*place);
+        std::memcpy(place->category, category.c_str(), category.size() + 1);
+        std::memcpy(place->text, text.data(), text.size());
+        place->length = text.size();
+        place->severity = severity;
+        place->level = level;
+        place->seen = 1;
+        place->repeats = 0;
+        place->since = now;
+        place->used = true;
     }
-
-    const char* category() const { return m_category; }
-    LogSeverity severity() const { return m_severity; }
-    int level() const { return m_level; }
 
 private:
-    bool m_valid = false;
-    char m_category[64] = {};
-    char m_text[512];
-    size_t m_length = 0;
-    LogSeverity m_severity = LogSeverity::Debug;
-    int m_level = 0;
-    int m_repeats = 0;
-    std::chrono::steady_clock::time_point m_since;
+    Line m_lines[4];
 };
 
 const char* severityName(LogSeverity severity)
@@ -137,16 +176,16 @@ const char* severityName(LogSeverity severity)
 }
 
 struct Logger {
-    std::mutex mutex;   // guards the sink, the burst and the output
+    std::mutex mutex;   // guards the sink, the bursts and the output
     LogSink sink;
     Levels levels;
-    Burst burst;
+    Bursts bursts;
     Logger() { levels.load(); }
-    // A burst still being counted at exit is told on stderr; a sink may be gone by then.
+    // Bursts still being counted at exit are told on stderr; a sink may be gone by then.
     ~Logger()
     {
         if (!sink)
-            flushRepeats();
+            endBursts(true);
     }
 
     void write(const std::string& category, LogSeverity severity, int level, std::string_view text)
@@ -162,24 +201,32 @@ struct Logger {
             std::fprintf(stderr, "[%s %s] %.*s\n", category.c_str(), severityName(severity), length, text.data());
     }
 
-    // Called with the mutex held, or at exit.
-    void flushRepeats()
+    void tell(const Bursts::Line& line)
     {
-        const int repeats = burst.drain();
-        if (repeats == 0)
-            return;
-        const std::string category(burst.category());
-        fmt::memory_buffer line;
-        fmt::format_to(std::back_inserter(line), "... repeated {} time{}", repeats, repeats == 1 ? "" : "s");
-        write(category, burst.severity(), burst.level(), std::string_view(line.data(), line.size()));
+        const std::string category(line.category);
+        fmt::basic_memory_buffer<char, 640> text;   // inline storage: fits any tracked line
+        fmt::format_to(std::back_inserter(text), "... repeated {} time{}: {}", line.repeats, line.repeats == 1 ? "" : "s",
+                       line.view());
+        write(category, line.severity, line.level, std::string_view(text.data(), text.size()));
+    }
+
+    // Called with the mutex held, or at exit.
+    void endBursts(bool all)
+    {
+        bursts.end(std::chrono::steady_clock::now(), all, [this](const Bursts::Line& line) { tell(line); });
     }
 
     void emit(const std::string& category, LogSeverity severity, int level, std::string_view text)
     {
-        if (burst.isCopy(category, severity, level, text))
+        const auto now = std::chrono::steady_clock::now();
+        const Bursts::Verdict verdict = bursts.judge(category, severity, level, text, now);
+        if (verdict == Bursts::Count)
             return;
-        flushRepeats();
-        burst.start(category, severity, level, text);
+        if (verdict == Bursts::New) {
+            const auto told = [this](const Bursts::Line& line) { tell(line); };
+            bursts.end(now, false, told);
+            bursts.track(category, severity, level, text, now, told);
+        }
         write(category, severity, level, text);
     }
 };
@@ -247,8 +294,8 @@ LogSink DebugStream::setSink(LogSink sink)
 {
     Logger& log = logger();
     std::lock_guard<std::mutex> lock(log.mutex);
-    // The old sink hears the end of its burst; the new one starts afresh.
-    log.flushRepeats();
+    // The old sink hears the end of its bursts; the new one starts afresh.
+    log.endBursts(true);
     std::swap(log.sink, sink);
     return sink;
 }

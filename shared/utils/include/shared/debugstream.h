@@ -1,8 +1,8 @@
 // Line-oriented logging: one DebugStream collects one line from << insertions
 // and emits it when the statement ends. A suppressed stream formats nothing
 // and allocates nothing, so trace lines may stay in real-time code.
-// Identical lines within a second are written once, then "... repeated N
-// times" when the burst ends or its second is up.
+// A line is written at most three times a second; further copies are told
+// as "... repeated N times: line" when the second is up.
 #pragma once
 
 #include <fmt/format.h>
