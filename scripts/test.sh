@@ -24,6 +24,13 @@ for variant in plain sanitize; do
   ctest --test-dir "$dir" --output-on-failure --timeout 900 --output-log "$dir/ctest.log"
   echo "== $variant measurements"
   grep -E '^(echo delay|real server:)' "$dir/Testing/Temporary/LastTest.log" || true
+  # What a client gets from an install: a prefix, two out-of-tree clients, the .debs.
+  if [ "$variant" = plain ]; then
+    echo "== plain install, clients and Debian packages"
+    start=$SECONDS
+    bash "$root/tests/consumers/check_install.sh" "$dir"
+    echo "install check: $((SECONDS - start)) s"
+  fi
 done
 
 # ThreadSanitizer: the fake-card device tests (lock rules, stress) and the

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -80,28 +81,76 @@ TEST(DebugStreamFormatting, SuppressedStreamsAppendNothingUnlessForced)
     EXPECT_EQ(built(false, false, true, true, [](DebugStream& s) { s << "x" << 1; }), "x1");
 }
 
-TEST(DebugLevels, CategoryThresholdsDecideWhatIsEmitted)
+TEST(DebugLevels, EachSettingLetsThroughItsLines)
 {
-    Sink sink;
-    DebugStream::resetLevels();
-    EXPECT_TRUE(DebugStream::debugEnabled("audio2", 0));
-    EXPECT_FALSE(DebugStream::debugEnabled("audio2", 8));
-    debug("audio2", 8, false) << "hidden";
-    debug("audio2", 0, false) << "shown";
-    warning("audio2", false) << "warned";
-
+    struct Case {
+        const char* env;
+        std::vector<std::string> shown;
+    };
+    const std::vector<std::string> upToZero{"debug 0", "info", "forced info", "forced debug 8", "warning"};
+    const Case cases[] = {
+        {nullptr, {"warning"}},   // a library keeps quiet unless asked
+        {"other=8", {"warning"}},
+        {"audio2=0", upToZero},
+        {"*=0", upToZero},
+        {"audio2=8", {"debug 0", "debug 8", "info", "forced info", "forced debug 8", "warning"}},
+        {"audio2=-1", {}},
+        {"*=8,audio2=-1", {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.env ? c.env : "TAMREL_LOG unset");
+        if (c.env)
+            setenv("TAMREL_LOG", c.env, 1);
+        else
+            unsetenv("TAMREL_LOG");
+        DebugStream::resetLevels();
+        Sink sink;
+        debug("audio2", 0, false) << "debug 0";
+        debug("audio2", 8, false) << "debug 8";
+        info("audio2", false) << "info";
+        info("audio2", true) << "forced info";
+        debug("audio2", 8, true) << "forced debug 8";
+        warning("audio2", false) << "warning";
+        EXPECT_EQ(sink.lines, c.shown);
+    }
+    unsetenv("TAMREL_LOG");
     DebugStream::setLevel("audio2", 8);
     EXPECT_TRUE(DebugStream::debugEnabled("audio2", 8));
-    EXPECT_FALSE(DebugStream::debugEnabled("other", 8));
-    debug("audio2", 8, false) << "trace";
-
-    DebugStream::setLevel("audio2", -1);
-    debug("audio2", 0, false) << "silenced";
-    warning("audio2", false) << "silenced warning";
-    info("audio2", true) << "forced info";
     DebugStream::resetLevels();
+    EXPECT_FALSE(DebugStream::debugEnabled("audio2", 0));
+}
 
-    EXPECT_EQ(sink.lines, (std::vector<std::string>{"shown", "warned", "trace", "forced info"}));
+TEST(DebugBursts, RepeatedLinesAreCountedNotWritten)
+{
+    std::vector<std::string> lines;
+    DebugStream::setSink([&lines](const LogRecord& r) { lines.emplace_back(r.text); });
+    DebugStream::setLevel("audio2", 0);
+    for (int i = 0; i < 5000; ++i) {   // a dead server: read and write errors in turn
+        warning("audio2", false) << "Rt audio error: " << "read failed";
+        warning("audio2", false) << "Rt audio error: " << "write failed";
+    }
+    debug("audio2", 0, false) << "other";
+    for (int i = 0; i < 3; ++i)
+        warning("audio2", false) << "other";   // same text, other severity: lines of their own
+    warning("audio2", false) << "new";      // four lines tracked: the oldest burst is told
+    DebugStream::setSink(LogSink());        // the old sink hears the end of the others
+    DebugStream::resetLevels();
+    const std::string read = "Rt audio error: read failed", write = "Rt audio error: write failed";
+    EXPECT_EQ(lines, (std::vector<std::string>{read, write, read, write, read, write, "other", "other", "other", "other",
+                                               "... repeated 4997 times: " + read, "new",
+                                               "... repeated 4997 times: " + write}));
+}
+
+TEST(DebugBursts, ALongBurstIsToldOncePerSecond)
+{
+    Sink sink;
+    const auto start = std::chrono::steady_clock::now();
+    while (sink.lines.size() < 5 && std::chrono::steady_clock::now() - start < std::chrono::seconds(10))
+        warning("audio2", false) << "lost";
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    ASSERT_EQ(sink.lines.size(), 5u);
+    EXPECT_EQ(sink.lines[3].rfind("... repeated ", 0), 0u);
+    EXPECT_EQ(sink.lines[4], "lost");
 }
 
 TEST(DebugLevels, EnvironmentVariableSetsLevelsPerCategoryAndDefault)
@@ -115,5 +164,5 @@ TEST(DebugLevels, EnvironmentVariableSetsLevelsPerCategoryAndDefault)
     EXPECT_TRUE(DebugStream::debugEnabled("broken", 3));
     unsetenv("TAMREL_LOG");
     DebugStream::resetLevels();
-    EXPECT_FALSE(DebugStream::debugEnabled("audio2", 8));
+    EXPECT_FALSE(DebugStream::debugEnabled("audio2", 0));
 }

@@ -68,6 +68,7 @@ void DeviceTest::SetUp()
     ASSERT_TRUE(m_home.isValid());
     setenv("HOME", m_home.path().toUtf8().constData(), 1);
     tamrel::DebugStream::resetLevels();
+    tamrel::DebugStream::setLevel("audio2", 0);   // the lifecycle lines the tests read
 }
 
 void DeviceTest::TearDown()

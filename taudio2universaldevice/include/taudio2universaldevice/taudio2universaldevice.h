@@ -14,10 +14,22 @@ namespace tamrel {
 
 class TAudio2UniversalDevice_p;
 
-// Full-duplex sound-card device with echo cancellation, noise suppression,
-// fixed digital gain and rate conversion between the card and the client.
-// Create it in a boost::shared_ptr: opening a stream registers it through
-// shared_from_this(), and an open device stays alive until closeStream().
+// Full-duplex sound-card device: one RtAudio stream, with high-pass filter,
+// echo cancellation, noise suppression and fixed digital gain between card
+// and client, and rate conversion between the card's rate and the client's.
+//
+// Ownership: create it with boost::make_shared. openStream() registers the
+// device through shared_from_this(), so a device on the stack or in another
+// smart pointer aborts there with boost::bad_weak_ptr. An open stream holds a
+// strong reference: the device lives until closeStream(), even if the client
+// drops its pointer.
+//
+// Construction deletes "capture.wav", "capture_aec.wav" and "playback.wav"
+// from the home directory: the recordings of the previous run are gone.
+//
+// Logging goes to stderr through the category "audio2": warnings only unless
+// TAMREL_LOG asks for more ("audio2=0" lifecycle lines, "audio2=8" per-buffer
+// traces, "audio2=-1" nothing).
 //
 // Echo cancellation mode: read from the environment variable TAUDIO2_AEC each
 // time a stream opens.
@@ -32,15 +44,60 @@ class TAudio2UniversalDevice_p;
 //   other    one warning line naming the value, then "standard".
 class TAUDIO2UNIVERSALDEV_EXPORT TAudio2UniversalDevice : public TAudio2Device {
 public:
+    // The rate clients are expected to pass to the constructor, 16000 Hz.
     static const unsigned DEFAULT_SAMPLE_RATE;
 
+    // What openStream() returns. The sound layer's reason is in *error for
+    // the failures marked so; success empties it, the others leave it alone.
+    enum OpenResult {
+        STREAM_OPENED = 0,
+        DEVICE_QUERY_FAILED = -1,   // the sound layer failed a device query (*error)
+        NO_COMMON_RATE = -3,        // neither 48000, 16000 nor 8000 Hz suits both devices
+        OPEN_REFUSED = -4,          // the sound layer would not open the stream (*error)
+        START_FAILED = -5,          // the stream opened but would not start (*error)
+        NO_DEVICES = -6,            // a device was named, but there are no devices
+    };
+
+    // sampleRate: the client's rate until the first openStream(), which
+    // takes the configuration's rate instead.
     explicit TAudio2UniversalDevice(unsigned sampleRate);
     ~TAudio2UniversalDevice() override;
 
+    // Records of the capture and playback devices the sound layer reports;
+    // type is a mask (PLAYBACK_DEVICE | CAPTURE_DEVICE for both). A failing
+    // query ends the list early; nothing is thrown.
     std::vector<boost::shared_ptr<TAudio2DeviceInfo>> devices(TAudio2DeviceInfo::DeviceType type) override;
+
+    // Opens and starts one duplex stream of 16-bit samples; returns an
+    // OpenResult. Devices are the configuration's names, matched exactly; an
+    // empty name, and also a name no device carries, opens the system's
+    // default. The card runs at 48000, 16000 or 8000 Hz (first both devices
+    // support) and the client's samples are converted to and from
+    // configuration.sampleRate.
+    //
+    // Voice processing works at client rates of 8000, 16000, 32000 and 48000
+    // Hz only; at any other rate (44100 Hz, say) every block is refused and
+    // the capture reaches the client unprocessed.
+    //
+    // The callback is called once per configuration.periodMs, on the sound
+    // layer's real-time thread, under the device's lock:
+    //   (capture, captureBytes, playback, playbackBytes, 0)
+    // capture holds the processed capture at the client's rate (null when
+    // the configuration asks for no capture); the callback fills all of
+    // playback with playbackChannels interleaved channels. Returning false
+    // abandons the rest of the current hardware buffer. It must not allocate,
+    // block, or call back into the device: closeStream() from inside it
+    // hangs. The hardware buffer is never shorter than 20 ms, so shorter
+    // periods arrive in bursts (10 ms periods in pairs), and the first
+    // buffers of a stream may pass before the callback is in place.
+    //
+    // One stream per device: a second openStream() without closeStream() is
+    // not checked and must not be made.
     int openStream(const TAudio2StreamConfiguration& configuration,
                    TAudio2FrameCallback callback,
                    std::string* error) override;
+    // Stops the stream and waits for a running callback to finish; harmless
+    // without a stream. The device can be opened again.
     void closeStream() override;
     bool hasVoicePreprocessor() const override;
     void reset() override;

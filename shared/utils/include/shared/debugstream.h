@@ -1,6 +1,8 @@
 // Line-oriented logging: one DebugStream collects one line from << insertions
 // and emits it when the statement ends. A suppressed stream formats nothing
 // and allocates nothing, so trace lines may stay in real-time code.
+// A line is written at most three times a second; further copies are told
+// as "... repeated N times: line" when the second is up.
 #pragma once
 
 #include <fmt/format.h>
@@ -56,10 +58,11 @@ public:
     // Whether a debug line of this level would be emitted for the category.
     static bool debugEnabled(const std::string& category, int level);
 
-    // Per-category threshold for debug lines; a negative level silences the
-    // category entirely (warnings and info included, unless forced).
+    // Per-category threshold for debug lines; 0 and above also lets info
+    // lines out, a negative level silences the category entirely (warnings
+    // and forced lines included). A category never set passes warnings only.
     static void setLevel(const std::string& category, int level);
-    // Drops every setLevel() and re-reads TAMREL_LOG.
+    // Drops every setLevel() and re-reads TAMREL_LOG ("audio2=8,net=-1,*=0").
     static void resetLevels();
     // Installs a sink (an empty one restores stderr); returns the previous one.
     static LogSink setSink(LogSink sink);
@@ -95,7 +98,8 @@ public:
     bool m_forced = false;
 };
 
-// `flag` forces the line out even when its category or level is switched off.
+// `flag` forces the line out past the category's debug level, as long as
+// the category is on (level 0 or more).
 DebugStream debug(const std::string& category, int level, bool flag);
 DebugStream info(const std::string& category, bool flag);
 DebugStream warning(const std::string& category, bool flag);

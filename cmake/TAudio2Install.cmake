@@ -1,0 +1,67 @@
+# Installation into any prefix: run paths relative to the binaries, the
+# helper scripts with launchers on the path, a CMake package, pkg-config
+# files, and Debian packages through CPack ("cpack" in the build tree).
+# Everything here is relocatable: `cmake --install build --prefix DIR`
+# gives a tree that works wherever DIR is.
+include(CMakePackageConfigHelpers)
+
+# Each library finds its siblings beside itself (a client's own run path
+# does not cover the dependencies of the libraries it loads).
+set_target_properties(shared taudio2base taudio2universaldev PROPERTIES INSTALL_RPATH "$ORIGIN")
+
+set(TAUDIO2_DATADIR ${CMAKE_INSTALL_DATADIR}/taudio2)
+install(PROGRAMS tools/aec_report.py scripts/virtual-room.sh DESTINATION ${TAUDIO2_DATADIR})
+# Launchers: relative links, which survive moving the prefix.
+file(RELATIVE_PATH to_data /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${TAUDIO2_DATADIR})
+file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/launchers)
+foreach(launcher taudio2-aec-report:aec_report.py taudio2-virtual-room:virtual-room.sh)
+  string(REPLACE ":" ";" launcher ${launcher})
+  list(GET launcher 0 name)
+  list(GET launcher 1 script)
+  file(CREATE_LINK ${to_data}/${script} ${CMAKE_CURRENT_BINARY_DIR}/launchers/${name} SYMBOLIC)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/launchers/${name} DESTINATION ${CMAKE_INSTALL_BINDIR})
+endforeach()
+install(FILES LICENSE README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+set(TAUDIO2_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/TAudio2)
+install(EXPORT TAudio2Targets NAMESPACE TAudio2:: DESTINATION ${TAUDIO2_CMAKEDIR} COMPONENT development)
+configure_package_config_file(cmake/TAudio2Config.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/TAudio2Config.cmake
+  INSTALL_DESTINATION ${TAUDIO2_CMAKEDIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/TAudio2ConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/TAudio2Config.cmake ${CMAKE_CURRENT_BINARY_DIR}/TAudio2ConfigVersion.cmake
+  DESTINATION ${TAUDIO2_CMAKEDIR} COMPONENT development)
+
+# pkg-config files locate the prefix from their own folder.
+file(RELATIVE_PATH TAUDIO2_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" TAUDIO2_PC_TO_PREFIX "${TAUDIO2_PC_TO_PREFIX}")
+foreach(pc taudio2shared taudio2base taudio2universaldev)
+  configure_file(cmake/${pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${pc}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${pc}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endforeach()
+
+# Two Debian packages: taudio2 (libraries, taudio2call, the report and the
+# room) and taudio2-dev (headers, links, pkg-config and CMake files).
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME taudio2)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Full-duplex audio device with echo cancellation")
+set(CPACK_PACKAGE_CONTACT "taudio2 developers <taudio2@localhost>")
+set(CPACK_RESOURCE_FILE_LICENSE ${CMAKE_CURRENT_SOURCE_DIR}/LICENSE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME taudio2)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION sound)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS
+  "python3, python3-numpy, python3-soundfile, python3-matplotlib, pulseaudio, pulseaudio-utils")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME taudio2-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+# The headers' own includes, and the modules named in Requires.private.
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+  "libboost-dev (>= 1.74), libfmt-dev, pkg-config, librtaudio-dev, libwebrtc-audio-processing-dev, libspeexdsp-dev, libsndfile1-dev, qtbase5-dev")
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+include(CPack)
