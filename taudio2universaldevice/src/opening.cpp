@@ -7,6 +7,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include <algorithm>
+#include <exception>
 
 namespace tamrel {
 namespace {
@@ -49,12 +50,49 @@ void logSupportedRates(const char* what, const RtAudio::DeviceInfo& info)
         warning("audio2", false) << rate;
 }
 
+// Values that would crash, never reach the client or size absurd buffers.
+// The bounds keep every per-period product within 32 bits and under a few
+// hundred megabytes. Empty when the configuration can be tried.
+const int MAX_CLIENT_RATE = 384000;   // the canceller's 10 ms block holds at most 3840 samples
+const int MAX_PERIOD_MS = 199;        // from 200 ms on every buffer is dropped as a resync
+const int MAX_CHANNELS = 1024;
+
+std::string refusal(const TAudio2StreamConfiguration& c)
+{
+    const auto outside = [](const char* field, int value, int low, int high, const char* why) {
+        if (value >= low && value <= high)
+            return std::string();
+        return std::string(field) + " " + std::to_string(value) + " is refused: " + why;
+    };
+    std::string reason = outside("sampleRate", c.sampleRate, 1, MAX_CLIENT_RATE,
+                                 "the client rate must be 1 to 384000 Hz");
+    if (reason.empty())
+        reason = outside("periodMs", c.periodMs, 1, MAX_PERIOD_MS, "the period must be 1 to 199 ms");
+    if (reason.empty())
+        reason = outside("playbackChannels", c.playbackChannels, 1, MAX_CHANNELS,
+                         "the client must play 1 to 1024 channels");
+    if (reason.empty() && c.captureChannels > MAX_CHANNELS)
+        reason = outside("captureChannels", c.captureChannels, 0, MAX_CHANNELS,
+                         "capture takes at most 1024 channels (0 or less for none)");
+    return reason;
+}
+
 } // namespace
 
 int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configuration,
                                        TAudio2FrameCallback callback,
                                        std::string* error)
 {
+    // Before anything is opened or registered: a refused configuration
+    // leaves the device exactly as it was.
+    const std::string refused = refusal(configuration);
+    if (!refused.empty()) {
+        warning("audio2", false) << refused;
+        if (error)
+            *error = refused;
+        return -2;
+    }
+
     TAudio2UniversalDevice_p& p = *d;
     RtAudio& rtAudio = p.m_rtAudio;
     const bool withCapture = configuration.captureChannels >= 1;
@@ -223,8 +261,19 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
             result = -4;
         }
 
+        // Whatever fails while the chain is built must not leave an open,
+        // registered stream behind an exception the client never expected.
         if (result == 0) {
-            p.setupVoiceProcessing(configuration);
+            try {
+                p.setupVoiceProcessing(configuration);
+            } catch (const std::exception& e) {
+                errorText = std::string("voice processing could not be set up: ") + e.what();
+                result = -4;
+                closeStream();
+            }
+        }
+
+        if (result == 0) {
             try {
                 debug("audio2", 0, false) << "In universal device before start stream";
                 rtAudio.startStream();

@@ -125,6 +125,8 @@ public:
             *bufferFrames = card().grantedBufferFrames;
         stream_.state = STREAM_STOPPED;
         card().streamOpen = true;
+        if (card().duringOpen)
+            card().duringOpen();
     }
 };
 

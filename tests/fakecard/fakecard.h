@@ -51,6 +51,7 @@ struct Card {
     int failingDeviceIndex = -1;
 
     unsigned grantedBufferFrames = 0;           // non-zero: written back by openStream
+    std::function<void()> duringOpen;           // runs inside openStream(), after the stream is open
     std::function<void()> duringStart;          // runs inside startStream(), after the state change
 
     Opened opened;
