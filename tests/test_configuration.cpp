@@ -46,6 +46,9 @@ const Row ROWS[] = {
     {FIELD(sampleRate, 384000), nullptr},
     {FIELD(periodMs, 1), nullptr},
     {FIELD(periodMs, 199), nullptr},
+    // Chunks that are not whole 10 ms blocks: the last block must stop at the chunk's end.
+    {FIELD(periodMs, 25), nullptr},
+    {"44100 Hz, 25 ms", [](TAudio2StreamConfiguration& c) { c.sampleRate = 44100; c.periodMs = 25; }, nullptr},
     {FIELD(playbackChannels, 2), nullptr},
     {FIELD(playbackChannels, 3), nullptr},   // more than the card: opened with its two
     {FIELD(playbackChannels, 1000), nullptr},
