@@ -7,6 +7,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include <algorithm>
+#include <climits>
 #include <exception>
 
 namespace tamrel {
@@ -50,31 +51,32 @@ void logSupportedRates(const char* what, const RtAudio::DeviceInfo& info)
         warning("audio2", false) << rate;
 }
 
-// Values that would crash, never reach the client or size absurd buffers.
-// The bounds keep every per-period product within 32 bits and under a few
-// hundred megabytes. Empty when the configuration can be tried.
-const int MAX_CLIENT_RATE = 384000;   // the canceller's 10 ms block holds at most 3840 samples
+const int MAX_CLIENT_RATE = 384000;   // a 10 ms block of the canceller holds at most 3840 samples
 const int MAX_PERIOD_MS = 199;        // from 200 ms on every buffer is dropped as a resync
-const int MAX_CHANNELS = 1024;
+const int MAX_CHANNELS = 1024;        // keeps every per-period buffer within 32-bit sizes
 
+// Why a configuration could only crash, never reach the client or size
+// absurd buffers; empty when it can be tried.
 std::string refusal(const TAudio2StreamConfiguration& c)
 {
-    const auto outside = [](const char* field, int value, int low, int high, const char* why) {
-        if (value >= low && value <= high)
-            return std::string();
-        return std::string(field) + " " + std::to_string(value) + " is refused: " + why;
+    struct Bound {
+        const char* field;
+        int value, low, high;
+        const char* rule;
     };
-    std::string reason = outside("sampleRate", c.sampleRate, 1, MAX_CLIENT_RATE,
-                                 "the client rate must be 1 to 384000 Hz");
-    if (reason.empty())
-        reason = outside("periodMs", c.periodMs, 1, MAX_PERIOD_MS, "the period must be 1 to 199 ms");
-    if (reason.empty())
-        reason = outside("playbackChannels", c.playbackChannels, 1, MAX_CHANNELS,
-                         "the client must play 1 to 1024 channels");
-    if (reason.empty() && c.captureChannels > MAX_CHANNELS)
-        reason = outside("captureChannels", c.captureChannels, 0, MAX_CHANNELS,
-                         "capture takes at most 1024 channels (0 or less for none)");
-    return reason;
+    const Bound bounds[] = {
+        {"sampleRate", c.sampleRate, 1, MAX_CLIENT_RATE, "the client rate must be 1 to 384000 Hz"},
+        {"periodMs", c.periodMs, 1, MAX_PERIOD_MS, "the period must be 1 to 199 ms"},
+        {"playbackChannels", c.playbackChannels, 1, MAX_CHANNELS, "the client must play 1 to 1024 channels"},
+        // 0 or less is a playback-only stream, not a fault.
+        {"captureChannels", c.captureChannels, INT_MIN, MAX_CHANNELS,
+         "capture takes at most 1024 channels (0 or less for none)"},
+    };
+    for (const Bound& b : bounds) {
+        if (b.value < b.low || b.value > b.high)
+            return std::string(b.field) + " " + std::to_string(b.value) + " is refused: " + b.rule;
+    }
+    return std::string();
 }
 
 } // namespace
