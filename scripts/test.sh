@@ -23,7 +23,7 @@ for variant in plain sanitize; do
   echo "== $variant tests"
   ctest --test-dir "$dir" --output-on-failure --timeout 900 --output-log "$dir/ctest.log"
   echo "== $variant measurements"
-  grep -E '^(echo delay|real server:)' "$dir/Testing/Temporary/LastTest.log" || true
+  grep -E '^(echo delay|real server:|fuzz:)' "$dir/Testing/Temporary/LastTest.log" || true
   # What a client gets from an install: a prefix, two out-of-tree clients, the .debs.
   if [ "$variant" = plain ]; then
     echo "== plain install, clients and Debian packages"

@@ -8,6 +8,8 @@
 #include <boost/thread/locks.hpp>
 
 #include <algorithm>
+#include <climits>
+#include <exception>
 
 namespace tamrel {
 namespace {
@@ -67,12 +69,50 @@ bool refuseSecondOpen(RtAudio& rtAudio, std::string* error)
     return true;
 }
 
+const int MAX_CLIENT_RATE = 384000;   // a 10 ms block of the canceller holds at most 3840 samples
+const int MAX_PERIOD_MS = 199;        // from 200 ms on every buffer is dropped as a resync
+const int MAX_CHANNELS = 1024;        // keeps every per-period buffer within 32-bit sizes
+
+// Why a configuration could only crash, never reach the client or size
+// absurd buffers; empty when it can be tried.
+std::string refusal(const TAudio2StreamConfiguration& c)
+{
+    struct Bound {
+        const char* field;
+        int value, low, high;
+        const char* rule;
+    };
+    const Bound bounds[] = {
+        {"sampleRate", c.sampleRate, 1, MAX_CLIENT_RATE, "the client rate must be 1 to 384000 Hz"},
+        {"periodMs", c.periodMs, 1, MAX_PERIOD_MS, "the period must be 1 to 199 ms"},
+        {"playbackChannels", c.playbackChannels, 1, MAX_CHANNELS, "the client must play 1 to 1024 channels"},
+        // 0 or less is a playback-only stream, not a fault.
+        {"captureChannels", c.captureChannels, INT_MIN, MAX_CHANNELS,
+         "capture takes at most 1024 channels (0 or less for none)"},
+    };
+    for (const Bound& b : bounds) {
+        if (b.value < b.low || b.value > b.high)
+            return std::string(b.field) + " " + std::to_string(b.value) + " is refused: " + b.rule;
+    }
+    return std::string();
+}
+
 } // namespace
 
 int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configuration,
                                        TAudio2FrameCallback callback,
                                        std::string* error)
 {
+    // Before anything is opened or registered: a refused configuration
+    // leaves the device exactly as it was.
+    const std::string refused = refusal(configuration);
+    if (!refused.empty()) {
+        warning("audio2", false) << refused;
+        if (error)
+            *error = refused;
+        return -2;
+    }
+
     TAudio2UniversalDevice_p& p = *d;
     RtAudio& rtAudio = p.m_rtAudio;
     const bool withCapture = configuration.captureChannels >= 1;
@@ -249,8 +289,19 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
             result = -4;
         }
 
+        // Whatever fails while the chain is built must not leave an open,
+        // registered stream behind an exception the client never expected.
         if (result == 0) {
-            p.setupVoiceProcessing(configuration);
+            try {
+                p.setupVoiceProcessing(configuration);
+            } catch (const std::exception& e) {
+                errorText = std::string("voice processing could not be set up: ") + e.what();
+                result = -4;
+                closeStream();
+            }
+        }
+
+        if (result == 0) {
             try {
                 debug("audio2", 0, false) << "In universal device before start stream";
                 {

@@ -2,7 +2,8 @@
 
 #include <speex/speex_resampler.h>
 
-#include <new>
+#include <stdexcept>
+#include <string>
 
 namespace tamrel {
 
@@ -16,7 +17,8 @@ Resampler::Resampler(int inputRate, int outputRate, int channels)
     m_state = speex_resampler_init(static_cast<spx_uint32_t>(channels), static_cast<spx_uint32_t>(inputRate),
                                    static_cast<spx_uint32_t>(outputRate), SPEEX_RESAMPLER_QUALITY_DEFAULT, &err);
     if (!m_state)
-        throw std::bad_alloc();
+        throw std::runtime_error(std::string("rate converter ") + std::to_string(inputRate) + " to " +
+                                 std::to_string(outputRate) + " Hz: " + speex_resampler_strerror(err));
 }
 
 Resampler::~Resampler()

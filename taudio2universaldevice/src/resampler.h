@@ -17,6 +17,7 @@ namespace tamrel {
 
 class Resampler {
 public:
+    // Throws std::runtime_error when the converter cannot be built.
     Resampler(int inputRate, int outputRate, int channels);
     ~Resampler();
     Resampler(const Resampler&) = delete;

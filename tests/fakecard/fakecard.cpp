@@ -137,6 +137,8 @@ public:
             *bufferFrames = card().grantedBufferFrames;
         stream_.state = STREAM_STOPPED;
         card().streamOpen = true;
+        if (card().duringOpen)
+            card().duringOpen();
     }
 
 private:

@@ -55,6 +55,7 @@ struct Card {
     // microseconds until it is stopped, closed or destroyed, as the real
     // layer does; 0: no thread, the test delivers.
     unsigned callbackThreadPauseUs = 0;
+    std::function<void()> duringOpen;           // runs inside openStream(), after the stream is open
     std::function<void()> duringStart;          // runs inside startStream(), after the state change
 
     Opened opened;

@@ -650,6 +650,60 @@ TEST_F(RealServer, EchoCancellationMatrix)
     }
 }
 
+// Odd configurations against the real server: the refused ones never reach
+// it; the others open and are called back, or fail with the sound layer's
+// reason (printed, as what a client would see).
+TEST_F(RealServer, OddConfigurationsAreRefusedOrRun)
+{
+    struct Row { const char* what; TAudio2StreamConfiguration conf; bool refused; };
+    const auto with = [](void (*change)(TAudio2StreamConfiguration&)) {
+        TAudio2StreamConfiguration c = byName();
+        change(c);
+        return c;
+    };
+    const Row rows[] = {
+        {"sampleRate 0", with([](TAudio2StreamConfiguration& c) { c.sampleRate = 0; }), true},
+        {"periodMs 0", with([](TAudio2StreamConfiguration& c) { c.periodMs = 0; }), true},
+        {"periodMs 200", with([](TAudio2StreamConfiguration& c) { c.periodMs = 200; }), true},
+        {"playbackChannels -1", with([](TAudio2StreamConfiguration& c) { c.playbackChannels = -1; }), true},
+        {"sampleRate 1", with([](TAudio2StreamConfiguration& c) { c.sampleRate = 1; }), false},
+        {"sampleRate 44100", with([](TAudio2StreamConfiguration& c) { c.sampleRate = 44100; }), false},
+        {"periodMs 1", with([](TAudio2StreamConfiguration& c) { c.periodMs = 1; }), false},
+        {"periodMs 199", with([](TAudio2StreamConfiguration& c) { c.periodMs = 199; }), false},
+        {"playbackChannels 3", with([](TAudio2StreamConfiguration& c) { c.playbackChannels = 3; }), false},
+        {"captureChannels 2", with([](TAudio2StreamConfiguration& c) { c.captureChannels = 2; }), false},
+        {"captureChannels 1000", with([](TAudio2StreamConfiguration& c) { c.captureChannels = 1000; }), false},
+        {"unknown names", with([](TAudio2StreamConfiguration& c) { c.playbackDeviceName = c.captureDeviceName = "\xff no such"; }), false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        auto device = boost::make_shared<TAudio2UniversalDevice>(CLIENT_RATE);
+        auto calls = std::make_shared<std::atomic<int>>(0);
+        std::string error = "unset";
+        const int code = device->openStream(row.conf, [calls](const char*, int, char* p, int bytes, int) {
+            std::fill(p, p + bytes, 0);
+            ++*calls;
+            return true;
+        }, &error);
+        if (row.refused) {
+            EXPECT_EQ(code, -2);
+            EXPECT_EQ(error.rfind(row.what, 0), 0u) << error;
+            EXPECT_EQ(room->streams("sink"), "none");
+        } else if (code == 0) {
+            const auto deadline = Clock::now() + 10s;
+            while (*calls < 5 && Clock::now() < deadline)
+                std::this_thread::sleep_for(10ms);
+            EXPECT_GE(calls->load(), 5) << "opened but hardly called back";
+        } else {
+            EXPECT_EQ(code, -4);
+            EXPECT_FALSE(error.empty());
+        }
+        device->closeStream();
+        EXPECT_EQ(room->streams("sink"), "none");
+        printf("real server: %s: code %d%s%s\n", row.what, code, error.empty() ? "" : ", ", error.c_str());
+    }
+}
+
 // kill -9 of the server while a stream runs: the client lives on, closing
 // returns, and a new stream on the restarted server works.
 TEST_F(RealServer, SurvivesTheServerDyingMidStream)

@@ -42,6 +42,28 @@ class TAudio2UniversalDevice_p;
 //            4 x the period whatever the output: cancels on PulseAudio and
 //            PipeWire with one or two output channels (see the README).
 //   other    one warning line naming the value, then "standard".
+//
+// Configurations that openStream() refuses with -2, before the sound layer
+// is asked anything or the device is registered; *error names the field and
+// the value, and the same sentence is logged as a warning:
+//
+//   sampleRate        <= 0 or > 384000   (above, a 10 ms block outgrows the echo canceller)
+//   periodMs          <= 0 or >= 200     (0 never advances; from 200 ms every buffer is
+//                                          dropped as a resync, so the client is never called)
+//   playbackChannels  <= 0 or > 1024     (negative counts size buffers of gigabytes)
+//   captureChannels   > 1024             (0 or less still means playback only)
+//
+// Other odd values run as they are: a client rate below 1000 / periodMs Hz
+// makes empty periods (the client is called with 0-byte buffers); rates
+// other than 8000, 16000, 32000 and 48000 Hz get no voice processing (the
+// capture passes through unchanged); periods of 1 to 19 ms run inside 20 ms
+// hardware buffers; no more playback channels are opened than the card
+// has, and a client layout that differs from the opened one (other than
+// stereo on a mono output) plays as it is, interleaving and all; capture
+// channels are asked for as given, and the sound layer may refuse them (-4);
+// device names are matched byte for byte, whatever they hold. If the voice
+// chain cannot be built after the sound layer opened, the stream is closed
+// again and -4 says why.
 class TAUDIO2UNIVERSALDEV_EXPORT TAudio2UniversalDevice : public TAudio2Device {
 public:
     // The rate clients are expected to pass to the constructor, 16000 Hz.
@@ -52,8 +74,10 @@ public:
     enum OpenResult {
         STREAM_OPENED = 0,
         DEVICE_QUERY_FAILED = -1,   // the sound layer failed a device query (*error)
+        CONFIGURATION_REFUSED = -2, // a configuration that cannot run, see above (*error)
         NO_COMMON_RATE = -3,        // neither 48000, 16000 nor 8000 Hz suits both devices
-        OPEN_REFUSED = -4,          // the sound layer would not open the stream (*error)
+        OPEN_REFUSED = -4,          // the sound layer would not open the stream, a stream is
+                                    // already open, or the voice chain failed (*error)
         START_FAILED = -5,          // the stream opened but would not start (*error)
         NO_DEVICES = -6,            // a device was named, but there are no devices
     };

@@ -1,0 +1,123 @@
+// Seeded random driver for the duplex pipeline: random hardware buffers
+// (0 to 20000 frames, missing input or output, refused playback) over the
+// configurations that differ in how they cut and convert, each on a fresh
+// device so that every buffer has exactly its own size. Meant for the
+// sanitizer build, where any read or write past a buffer stops it.
+//
+// TAUDIO2_FUZZ_SECONDS sets how long it runs (default 30),
+// TAUDIO2_FUZZ_SEED replays a run (the seed is printed).
+#include "testsupport.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+
+using namespace tamrel;
+using testsupport::DeviceTest;
+
+namespace {
+
+struct Stream {
+    const char* name;
+    int clientRate, periodMs, playbackChannels, captureChannels;
+    unsigned cardOutputChannels;
+};
+
+const Stream STREAMS[] = {
+    {"16 kHz client, converted", 16000, 20, 1, 1, 2},
+    {"equal rates", 48000, 20, 1, 1, 2},
+    {"stereo client, stereo output", 16000, 20, 2, 1, 2},
+    {"stereo client, mono output", 16000, 20, 2, 1, 1},
+    {"44.1 kHz, 25 ms", 44100, 25, 1, 1, 2},
+    {"10 ms", 16000, 10, 1, 1, 2},
+    {"equal rates, stereo capture, 10 ms", 48000, 10, 2, 2, 2},
+};
+
+const int16_t UNTOUCHED = 0x5a5a;
+
+long envLong(const char* name, long fallback)
+{
+    const char* value = std::getenv(name);
+    return value && *value ? std::strtol(value, nullptr, 10) : fallback;
+}
+
+} // namespace
+
+using Fuzz = DeviceTest;
+
+TEST_F(Fuzz, RandomBuffersOverEveryKindOfStream)
+{
+    const long seconds = envLong("TAUDIO2_FUZZ_SECONDS", 30);
+    const unsigned long seed = static_cast<unsigned long>(
+        envLong("TAUDIO2_FUZZ_SEED", std::chrono::steady_clock::now().time_since_epoch().count() & 0x7fffffff));
+    std::printf("fuzz: seed %lu, %ld s (TAUDIO2_FUZZ_SEED, TAUDIO2_FUZZ_SECONDS)\n", seed, seconds);
+    std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
+    const auto chance = [&random](double p) { return std::uniform_real_distribution<double>(0, 1)(random) < p; };
+
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    long opens = 0, buffers = 0, chunks = 0, checksum = 0;
+    while (std::chrono::steady_clock::now() < end && !HasFailure()) {
+        const Stream& s = STREAMS[random() % (sizeof STREAMS / sizeof STREAMS[0])];
+        const bool voiceProcessing = chance(0.7);
+        SCOPED_TRACE(std::string(s.name) + (voiceProcessing ? ", voice processing" : "") + ", seed " +
+                     std::to_string(seed));
+        testsupport::standardCard();
+        fakecard::card().devices[0].outputChannels = s.cardOutputChannels;
+        fakecard::card().devices[1].inputChannels = static_cast<unsigned>(s.captureChannels);
+        auto dev = makeDevice(static_cast<unsigned>(s.clientRate));
+        TAudio2UniversalDevice_p::voicePreprocessorFlag(*dev) = voiceProcessing;
+        const TAudio2UniversalDevice_p& p = rec(*dev);
+
+        double refuseChance = 0;
+        int calls = 0;
+        int expectedCaptureBytes = 0;
+        TAudio2StreamConfiguration conf = config(s.clientRate, s.periodMs, s.playbackChannels, s.captureChannels);
+        conf.measureAec = chance(0.1);
+        ASSERT_EQ(dev->openStream(conf, [&](const char* capture, int captureBytes, char* playback, int playbackBytes, int) {
+            ++calls;
+            EXPECT_EQ(captureBytes, capture ? expectedCaptureBytes : 0);
+            EXPECT_EQ(playbackBytes, static_cast<int>(p.m_chunkFrames * p.m_clientPlaybackChannels * 2));
+            for (int i = 0; i < captureBytes; ++i)   // every promised byte is readable
+                checksum += capture[i];
+            std::fill(playback, playback + playbackBytes, static_cast<char>(calls));
+            return !chance(refuseChance);
+        }, nullptr), 0);
+        ++opens;
+        const unsigned chunk = p.m_deviceChunkFrames;
+        const bool converted = p.m_deviceSampleRate != p.m_sampleRate;
+        expectedCaptureBytes = static_cast<int>((converted ? p.m_chunkFrames : chunk) * p.m_captureChannels * 2);
+        if (voiceProcessing)
+            expectedCaptureBytes = std::min(expectedCaptureBytes, static_cast<int>(p.m_chunkFrames * 2));
+
+        for (int round = random() % 40; round >= 0 && !HasFailure(); --round) {
+            // Whole periods half of the time, as a card usually delivers them.
+            const unsigned frames = chance(0.5) ? static_cast<unsigned>(random() % 12) * chunk
+                                                : static_cast<unsigned>(random() % 20001);
+            const bool withInput = !chance(0.1), withOutput = !chance(0.1);
+            refuseChance = chance(0.2) ? 0.3 : 0;
+            std::vector<int16_t> in(withInput ? frames * p.m_captureChannels : 0, 0);
+            for (int16_t& sample : in)
+                sample = static_cast<int16_t>(random());
+            std::vector<int16_t> out(withOutput ? frames * p.m_playbackChannels : 0, UNTOUCHED);
+            calls = 0;
+            const int result = fakecard::deliver(withOutput ? out.data() : nullptr, withInput ? in.data() : nullptr, frames);
+            ++buffers;
+            chunks += calls;
+
+            const int whole = frames >= p.m_resyncFrames ? 0 : static_cast<int>(frames / chunk);
+            EXPECT_TRUE(result == -1 ? calls >= 1 && calls <= whole : calls == whole)
+                << frames << " frames, " << calls << " calls, result " << result;
+            EXPECT_TRUE(result == 0 || result == -1);
+            // Output is written for every accepted chunk and nowhere else.
+            const int written = result == -1 ? calls - 1 : calls;
+            const size_t boundary = static_cast<size_t>(written) * chunk * p.m_playbackChannels;
+            for (size_t i = boundary; i < out.size(); ++i)
+                ASSERT_EQ(out[i], UNTOUCHED) << "sample " << i << " of " << out.size() << " past " << written << " chunks";
+        }
+        dev->closeStream();
+        m_devices.clear();
+    }
+    std::printf("fuzz: %ld streams, %ld buffers, %ld chunks in %ld s (seed %lu, capture checksum %ld)\n", opens,
+                buffers, chunks, seconds, seed, checksum);
+}
