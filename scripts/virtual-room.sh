@@ -211,15 +211,24 @@ _vr_start_pulseaudio() {
       --log-target="newfile:$VR_DIR/pulseaudio.log" \
       --load="module-native-protocol-unix auth-anonymous=1" \
       </dev/null >/dev/null 2>&1
-  for _ in $(seq 50); do
-    [ -s "$VR_DIR/pulse/pid" ] && VR_PID=$(cat "$VR_DIR/pulse/pid") &&
-      _vr_pactl info >/dev/null 2>&1 && break
+  _vr_await pulseaudio 50 _vr_pulseaudio_up
+}
+_vr_pulseaudio_up() {
+  [ -s "$VR_DIR/pulse/pid" ] && VR_PID=$(cat "$VR_DIR/pulse/pid") && _vr_pactl info >/dev/null 2>&1
+}
+
+# Polls CHECK (which sets VR_PID once the server answers) every 0.1 s, TRIES
+# times; a server that never answers is reported with the end of its log.
+_vr_await() {
+  local name=$1 tries=$2 check=$3
+  for _ in $(seq "$tries"); do
+    "$check" && break
     VR_PID=""
     sleep 0.1
   done
   if [ -z "$VR_PID" ]; then
-    _vr_err "pulseaudio did not come up; its log ($VR_DIR/pulseaudio.log):"
-    tail -n 20 "$VR_DIR/pulseaudio.log" >&2 2>/dev/null
+    _vr_err "$name did not come up; its log ($VR_DIR/$name.log):"
+    tail -n 20 "$VR_DIR/$name.log" >&2 2>/dev/null
     return 1
   fi
   _vr_save_state
@@ -235,24 +244,17 @@ _vr_detach() {
 # The three daemons of a desktop's PipeWire, in a session bus of their own and
 # a process group that stop ends as a whole; every state folder is private.
 _vr_start_pipewire() {
-  local pid
   _vr_detach env XDG_RUNTIME_DIR="$VR_DIR" XDG_STATE_HOME="$VR_DIR/state" XDG_CONFIG_HOME="$VR_DIR/config" \
       PULSE_CLIENTCONFIG="$VR_DIR/client.conf" \
     dbus-run-session -- bash -c 'pipewire & sleep 0.3; wireplumber & pipewire-pulse & wait' \
       </dev/null >"$VR_DIR/pipewire.log" 2>&1 &
   VR_GROUP=$!
   _vr_save_state
-  for _ in $(seq 100); do
-    pid=$(pgrep -g "$VR_GROUP" -x pipewire-pulse 2>/dev/null | head -n 1)
-    [ -n "$pid" ] && _vr_pactl info >/dev/null 2>&1 && { VR_PID=$pid; break; }
-    sleep 0.1
-  done
-  if [ -z "$VR_PID" ]; then
-    _vr_err "pipewire did not come up; its log ($VR_DIR/pipewire.log):"
-    tail -n 20 "$VR_DIR/pipewire.log" >&2 2>/dev/null
-    return 1
-  fi
-  _vr_save_state
+  _vr_await pipewire 100 _vr_pipewire_up
+}
+_vr_pipewire_up() {
+  VR_PID=$(pgrep -g "$VR_GROUP" -x pipewire-pulse 2>/dev/null | head -n 1)
+  [ -n "$VR_PID" ] && _vr_pactl info >/dev/null 2>&1
 }
 
 _vr_start_jack() {
@@ -261,17 +263,10 @@ _vr_start_jack() {
       -d dummy -r "$_VR_RATE" -p "$period" </dev/null >"$VR_DIR/jackd.log" 2>&1 &
   VR_GROUP=$! VR_ECHO_MS=$period
   _vr_save_state
-  for _ in $(seq 50); do
-    grep -q 'dummy driver' "$VR_DIR/jackd.log" 2>/dev/null && _vr_is_server_pid "$VR_GROUP" &&
-      { VR_PID=$VR_GROUP; break; }
-    sleep 0.1
-  done
-  if [ -z "$VR_PID" ]; then
-    _vr_err "jackd did not come up; its log ($VR_DIR/jackd.log):"
-    tail -n 20 "$VR_DIR/jackd.log" >&2 2>/dev/null
-    return 1
-  fi
-  _vr_save_state
+  _vr_await jackd 50 _vr_jack_up
+}
+_vr_jack_up() {
+  grep -q 'dummy driver' "$VR_DIR/jackd.log" 2>/dev/null && _vr_is_server_pid "$VR_GROUP" && VR_PID=$VR_GROUP
 }
 
 _vr_build_room() {
