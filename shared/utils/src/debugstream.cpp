@@ -181,12 +181,6 @@ struct Logger {
     Levels levels;
     Bursts bursts;
     Logger() { levels.load(); }
-    // Bursts still being counted at exit are told on stderr; a sink may be gone by then.
-    ~Logger()
-    {
-        if (!sink)
-            endBursts(true);
-    }
 
     void write(const std::string& category, LogSeverity severity, int level, std::string_view text)
     {
@@ -231,10 +225,26 @@ struct Logger {
     }
 };
 
+Logger* TheLogger = nullptr;
+
+// Bursts still being counted at exit are told on stderr; a sink may be gone by then.
+void tellBurstsAtExit()
+{
+    std::lock_guard<std::mutex> lock(TheLogger->mutex);
+    if (!TheLogger->sink)
+        TheLogger->endBursts(true);
+}
+
+// Never destroyed: an audio thread may still log while the process exits,
+// until the device library's exit-time close has stopped it.
 Logger& logger()
 {
-    static Logger instance;
-    return instance;
+    static Logger* const instance = [] {
+        TheLogger = new Logger;
+        std::atexit(tellBurstsAtExit);
+        return TheLogger;
+    }();
+    return *instance;
 }
 
 // Levels are read without the lock: they change only in set-up code
