@@ -197,12 +197,12 @@ TEST(EchoDelay, VerdictAtTheWindowEdges)
         {144, 130, "standard", Verdict::UseRobust}, {186, 130, "standard", Verdict::UseRobust},
         {183, 60, "standard", Verdict::UseRobust}, {183, 60, "robust", Verdict::Cancels},
         {50, 130, "standard", Verdict::UseRobust}, {39, 130, "standard", Verdict::WillNotCancel},
-        {44, 80, "robust", Verdict::Cancels}, {39, 80, "robust", Verdict::WillNotCancel},
+        {50, 100, "robust", Verdict::Cancels}, {49, 100, "robust", Verdict::WillNotCancel},
         {-1, 60, "standard", Verdict::NoEcho},
     };
-    // Robust mode is told four 20 ms periods.
+    // Robust mode is told five 20 ms periods.
     for (const auto& c : cases)
-        EXPECT_EQ(judgeEchoDelay(c.roundTrip, c.told, c.mode, 80), c.verdict) << c.roundTrip << " told " << c.told << " "
+        EXPECT_EQ(judgeEchoDelay(c.roundTrip, c.told, c.mode, 100), c.verdict) << c.roundTrip << " told " << c.told << " "
                                                                                << c.mode;
 }
 

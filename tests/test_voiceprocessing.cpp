@@ -105,7 +105,7 @@ TEST_F(VoiceProcessing, SwitchedOffBuildsNoModuleAndKeepsOldBuffers)
 }
 
 // TAUDIO2_AEC picks the canceller when a stream opens. Robust mode is told
-// four periods whatever the output; a bad value warns once and falls back to
+// five periods whatever the output; a bad value warns once and falls back to
 // the standard module.
 TEST_F(VoiceProcessing, EchoCancellationModeFromTheEnvironment)
 {
@@ -114,7 +114,7 @@ TEST_F(VoiceProcessing, EchoCancellationModeFromTheEnvironment)
     struct Case { const char* value; int playbackChannels, delay; bool warns; };
     const int standard2 = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
     for (const Case c : {Case{nullptr, 2, standard2, false}, Case{"standard", 2, standard2, false},
-                         Case{"robust", 1, 80, false}, Case{"robust", 2, 80, false}, Case{"Robust", 2, standard2, true},
+                         Case{"robust", 1, 100, false}, Case{"robust", 2, 100, false}, Case{"Robust", 2, standard2, true},
                          Case{"", 1, 60, true}}) {
         SCOPED_TRACE(c.value ? c.value : "(unset)");
         c.value ? setenv("TAUDIO2_AEC", c.value, 1) : unsetenv("TAUDIO2_AEC");

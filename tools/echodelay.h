@@ -25,8 +25,10 @@ std::string effectiveAecMode(const char* value);
 const int AEC_WINDOW_EARLIEST_MS = 15;
 const int AEC_WINDOW_LATEST_MS = 55;
 // The robust canceller also takes an echo up to this much earlier than told
-// (told 80 ms, an echo at 44 ms on PipeWire was cancelled by 59 dB).
-const int ROBUST_EARLIEST_MS = 40;
+// (told 100 ms, echoes at 47 and 50 ms on PipeWire were cancelled by 59 dB).
+const int ROBUST_EARLIEST_MS = 50;
+// Robust mode is told this many periods whatever the output.
+const int ROBUST_TOLD_PERIODS = 5;
 
 // The told delay from the device's set-up log line
 // "Universal device buffer period=20, pimpl->m_aecDelay=N"; -1 for other lines.
@@ -53,7 +55,7 @@ enum class Verdict { Cancels, UseRobust, WillNotCancel, NoEcho };
 // Standard mode needs the echo inside its window. Robust mode estimates the
 // delay itself and copes with an echo later than told, or a little earlier;
 // a standard miss is worth robust mode when robust, told `robustToldMs`
-// (4 periods), would take the echo.
+// (ROBUST_TOLD_PERIODS periods), would take the echo.
 Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode, int robustToldMs);
 const char* verdictText(Verdict verdict);
 

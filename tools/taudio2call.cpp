@@ -622,7 +622,7 @@ int calibrateOne(const CallOptions& options, const std::string& mode)
         std::snprintf(line, sizeof line, "round trip %.0f ms, told %d ms: echo %+.0f ms from the told delay", trip.ms,
                       told, trip.ms - told);
     std::cout << label << line << toldNote << " (" << mode << " mode) -> "
-              << verdictText(judgeEchoDelay(trip.ms, told, mode, 4 * std::max(20, options.periodMs))) << std::endl;
+              << verdictText(judgeEchoDelay(trip.ms, told, mode, ROBUST_TOLD_PERIODS * std::max(20, options.periodMs))) << std::endl;
     return EXIT_OK;
 }
 

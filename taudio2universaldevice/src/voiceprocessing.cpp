@@ -82,12 +82,13 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
 
     // A two-channel output goes through the desktop mixer, whose delay is
     // measured rather than derived from the period. The robust canceller
-    // takes an echo from some 40 ms before to 100 ms after the told delay;
-    // four periods put both PulseAudio's round trip (8 periods) and
-    // PipeWire's (2 to 3) inside that, whatever the output.
+    // takes an echo from some 50 ms before to 100 ms after the told delay;
+    // five periods put both PulseAudio's round trip (8 to 10 periods, the
+    // longer on a busy machine) and PipeWire's (2 to 3) inside that,
+    // whatever the output.
     if (robust) {
         const int64_t period = std::max<int64_t>(m_minPeriodMs, configuration.periodMs);
-        m_aecDelay = static_cast<int32_t>(std::min<int64_t>(4 * period, INT32_MAX));
+        m_aecDelay = static_cast<int32_t>(std::min<int64_t>(5 * period, INT32_MAX));
     }
     else if (m_playbackChannels == 2)
         m_aecDelay = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;

@@ -39,7 +39,7 @@ class TAudio2UniversalDevice_p;
 //            the server's round trip fits that delay (two channels on
 //            PulseAudio; not on PipeWire, not one channel on PulseAudio).
 //   "robust" webrtc's extended filter and delay-agnostic estimation, told
-//            4 x the period whatever the output: cancels on PulseAudio and
+//            5 x the period whatever the output: cancels on PulseAudio and
 //            PipeWire with one or two output channels (see the README).
 //   other    one warning line naming the value, then "standard".
 //
