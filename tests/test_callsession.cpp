@@ -197,7 +197,7 @@ TEST(EchoDelay, VerdictAtTheWindowEdges)
         {144, 130, "standard", Verdict::UseRobust}, {186, 130, "standard", Verdict::UseRobust},
         {183, 60, "standard", Verdict::UseRobust}, {183, 60, "robust", Verdict::Cancels},
         {50, 130, "standard", Verdict::UseRobust}, {39, 130, "standard", Verdict::WillNotCancel},
-        {50, 100, "robust", Verdict::Cancels}, {49, 100, "robust", Verdict::WillNotCancel},
+        {40, 100, "robust", Verdict::Cancels}, {39, 100, "robust", Verdict::WillNotCancel},
         {-1, 60, "standard", Verdict::NoEcho},
     };
     // Robust mode is told five 20 ms periods.

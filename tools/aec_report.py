@@ -24,7 +24,7 @@ CALL_RECORD = "call.json"
 # it is told (README, "Echo delay"); robust mode finds later echoes itself.
 AEC_WINDOW_MS = (15.0, 55.0)
 # Robust mode also takes an echo this much earlier than told.
-ROBUST_EARLIEST_MS = 50.0
+ROBUST_EARLIEST_MS = 60.0
 
 # Digital silence would give infinite levels; clamp below the 16-bit noise floor
 # (one LSB RMS is about -90 dBFS) so empty windows read as "very quiet".
@@ -260,7 +260,7 @@ def diagnose(delay_ms, record):
     if mode == "robust":
         if late < -ROBUST_EARLIEST_MS:
             return too_early
-        return text + "within robust mode's reach (from 50 ms before the told delay on)"
+        return text + "within robust mode's reach (from 60 ms before the told delay on)"
     if low <= delay_ms <= high:
         return text + f"inside the standard window ({low:.0f} to {high:.0f} ms)"
     # Robust mode is told five periods whatever the output.

@@ -25,8 +25,9 @@ std::string effectiveAecMode(const char* value);
 const int AEC_WINDOW_EARLIEST_MS = 15;
 const int AEC_WINDOW_LATEST_MS = 55;
 // The robust canceller also takes an echo up to this much earlier than told
-// (told 100 ms, echoes at 47 and 50 ms on PipeWire were cancelled by 59 dB).
-const int ROBUST_EARLIEST_MS = 50;
+// (told 100 ms, echoes at 44 and 47 ms on PipeWire were cancelled by 45 and
+// 54 to 59 dB).
+const int ROBUST_EARLIEST_MS = 60;
 // Robust mode is told this many periods whatever the output.
 const int ROBUST_TOLD_PERIODS = 5;
 

@@ -82,7 +82,7 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
 
     // A two-channel output goes through the desktop mixer, whose delay is
     // measured rather than derived from the period. The robust canceller
-    // takes an echo from some 50 ms before to 100 ms after the told delay;
+    // takes an echo from some 60 ms before to 100 ms after the told delay;
     // five periods put both PulseAudio's round trip (8 to 10 periods, the
     // longer on a busy machine) and PipeWire's (2 to 3) inside that,
     // whatever the output.
