@@ -23,8 +23,10 @@ CALL_RECORD = "call.json"
 # The standard canceller removes echo that comes this much later than the delay
 # it is told (README, "Echo delay"); robust mode finds later echoes itself.
 AEC_WINDOW_MS = (15.0, 55.0)
-# Robust mode also takes an echo this much earlier than told.
+# Robust mode also takes an echo this much earlier than told, and is told this
+# many periods whatever the output.
 ROBUST_EARLIEST_MS = 60.0
+ROBUST_TOLD_PERIODS = 5
 
 # Digital silence would give infinite levels; clamp below the 16-bit noise floor
 # (one LSB RMS is about -90 dBFS) so empty windows read as "very quiet".
@@ -263,8 +265,7 @@ def diagnose(delay_ms, record):
         return text + "within robust mode's reach (from 60 ms before the told delay on)"
     if low <= delay_ms <= high:
         return text + f"inside the standard window ({low:.0f} to {high:.0f} ms)"
-    # Robust mode is told five periods whatever the output.
-    if delay_ms < 5 * max(20, int(record.get("period_ms", 20))) - ROBUST_EARLIEST_MS:
+    if delay_ms < ROBUST_TOLD_PERIODS * max(20, int(record.get("period_ms", 20))) - ROBUST_EARLIEST_MS:
         return too_early
     return text + (f"outside the standard window ({low:.0f} to {high:.0f} ms); "
                    "run with --aec robust")
