@@ -20,12 +20,14 @@ struct RateSupport {
     bool r48000 = false;
     bool r16000 = false;
     bool r8000 = false;
+    std::vector<unsigned int> all;
 
     static RateSupport of(const std::vector<unsigned int>& rates)
     {
         const auto has = [&rates](unsigned rate) { return std::find(rates.begin(), rates.end(), rate) != rates.end(); };
-        return RateSupport{has(48000), has(16000), has(8000)};
+        return RateSupport{has(48000), has(16000), has(8000), rates};
     }
+    bool has(unsigned rate) const { return std::find(all.begin(), all.end(), rate) != all.end(); }
 };
 
 // Index of the first probed device called `name` with channels in the wanted
@@ -55,11 +57,11 @@ void logSupportedRates(const char* what, const RtAudio::DeviceInfo& info)
 // The sound layer only reports a second open through its error callback
 // and carries on, and the buffers sized below would then change under the
 // running stream's callback. Refused before the record is touched.
-bool refuseSecondOpen(RtAudio& rtAudio, std::string* error)
+bool refuseSecondOpen(TAudio2UniversalDevice_p& p, std::string* error)
 {
     {
         boost::lock_guard<boost::mutex> soundLayer(SoundLayerMutex);
-        if (!rtAudio.isStreamOpen())
+        if (!p.m_streamActive && !p.m_rtAudio.isStreamOpen())
             return false;
     }
     const std::string text = "a stream is already open";
@@ -114,34 +116,85 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
     }
 
     TAudio2UniversalDevice_p& p = *d;
-    RtAudio& rtAudio = p.m_rtAudio;
-    const bool withCapture = configuration.captureChannels >= 1;
-
     debug("audio2", 0, false) << "In universal device openStream captureChannels=" << configuration.captureChannels
                               << " playbackChannels" << configuration.playbackChannels;
 
-    if (refuseSecondOpen(rtAudio, error))
+    if (refuseSecondOpen(p, error))
         return -4;
 
-    RtAudio::StreamParameters outputParameters;
-    RtAudio::StreamParameters inputParameters;
+    std::string errorText;
+    int result = p.negotiate(configuration, errorText);
+    if (result == -3 || result == -6)
+        return result;
+    {
+        boost::lock_guard<boost::mutex> lock(p.m_mutex);
+        p.m_useVoicePreprocessor = m_hasVoicePreprocessor;
+    }
+    p.m_device = shared_from_this();
+
+    if (result == 0) {
+        TAudio2UniversalDevice_p::registerDevice(*this);
+        result = p.openSoundLayer(configuration, errorText);
+
+        // Whatever fails while the chain is built must not leave an open,
+        // registered stream behind an exception the client never expected.
+        if (result == 0) {
+            try {
+                p.setupVoiceProcessing(configuration);
+            } catch (const std::exception& e) {
+                errorText = std::string("voice processing could not be set up: ") + e.what();
+                result = -4;
+                closeStream();
+            }
+        }
+
+        if (result == 0) {
+            try {
+                p.startSoundLayer();
+                // Stored after the start: buffers that come earlier are
+                // skipped. The lock keeps the audio thread from reading a
+                // half-written function.
+                boost::lock_guard<boost::mutex> lock(p.m_mutex);
+                p.m_callback = callback;
+            } catch (const RtAudioError& e) {
+                errorText = e.getMessage();
+                result = -5;
+                closeStream();
+            }
+        }
+        if (result == 0) {
+            p.m_configuration = configuration;
+            p.m_streamActive = true;
+            p.startSupervisor();
+        }
+    }
+
+    if (result != 0)
+        debug("audio2", 0, false) << "TAudio2UniversalDevice::openStream() failed: " << errorText;
+    if (error)
+        *error = errorText;
+    return result;
+}
+
+int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& configuration, std::string& errorText)
+{
+    const bool withCapture = configuration.captureChannels >= 1;
     unsigned outputDevice = NO_DEVICE;
     unsigned inputDevice = NO_DEVICE;
-    std::string errorText;
     int result = 0;
 
     // Device choice: the default, or the first device carrying the configured
     // name. False when a name is configured but there are no devices at all.
-    const auto choose = [&rtAudio](const std::string& name, bool output, unsigned& index, const char* noDevices) {
-        index = output ? rtAudio.getDefaultOutputDevice() : rtAudio.getDefaultInputDevice();
+    const auto choose = [this](const std::string& name, bool output, unsigned& index, const char* noDevices) {
+        index = output ? m_rtAudio.getDefaultOutputDevice() : m_rtAudio.getDefaultInputDevice();
         if (name.empty())
             return true;
-        const unsigned count = rtAudio.getDeviceCount();
+        const unsigned count = m_rtAudio.getDeviceCount();
         if (count == 0) {
             warning("audio2", false) << noDevices;
             return false;
         }
-        index = findDevice(rtAudio, count, name, output, index);
+        index = findDevice(m_rtAudio, count, name, output, index);
         return true;
     };
     // Device choice and probes, up to the rate choice, as one turn at the
@@ -164,8 +217,9 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
     // Playback probe. When the output cannot be queried at all it is assumed
     // to take 48000 Hz, so that the capture side alone decides.
     RateSupport outputRates;
+    uint32_t playbackChannels = 0;
     try {
-        const RtAudio::DeviceInfo info = rtAudio.getDeviceInfo(outputDevice);
+        const RtAudio::DeviceInfo info = m_rtAudio.getDeviceInfo(outputDevice);
         if (!info.probed) {
             warning("audio2", false) << "In universal device failed to probe output device: probed=" << info.probed
                                      << " name " << info.name;
@@ -177,22 +231,21 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
                 debug("audio2", 0, false) << "In universal device output channels mismatch: device="
                                           << info.outputChannels << " conf=" << configuration.playbackChannels;
         }
-        p.m_playbackChannels = info.outputChannels;
+        playbackChannels = info.outputChannels;
     } catch (const RtAudioError& e) {
-        p.m_playbackChannels = static_cast<uint32_t>(configuration.playbackChannels);
+        playbackChannels = static_cast<uint32_t>(configuration.playbackChannels);
         warning("audio2", false) << "In universal device failed to get output device: " << e.getMessage();
-        outputRates = RateSupport{true, false, false};
+        outputRates = RateSupport::of({48000});
     }
 
     // Never open more playback channels than the client supplies.
-    p.m_clientPlaybackChannels = static_cast<uint32_t>(configuration.playbackChannels);
-    if (p.m_playbackChannels > static_cast<uint32_t>(configuration.playbackChannels))
-        p.m_playbackChannels = static_cast<uint32_t>(configuration.playbackChannels);
+    const uint32_t clientPlaybackChannels = static_cast<uint32_t>(configuration.playbackChannels);
+    playbackChannels = std::min(playbackChannels, clientPlaybackChannels);
 
     RateSupport inputRates;
     if (withCapture) {
         try {
-            const RtAudio::DeviceInfo info = rtAudio.getDeviceInfo(inputDevice);
+            const RtAudio::DeviceInfo info = m_rtAudio.getDeviceInfo(inputDevice);
             if (!info.probed) {
                 warning("audio2", false) << "In universal device failed to probe input device: probed="
                                          << info.probed << " name " << info.name;
@@ -202,27 +255,30 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
                 inputRates = RateSupport::of(info.sampleRates);
             }
         } catch (const RtAudioError& e) {
-            p.m_playbackChannels = static_cast<uint32_t>(configuration.playbackChannels);
+            playbackChannels = clientPlaybackChannels;
             warning("audio2", false) << "In universal device failed to get input device: " << e.getMessage();
         }
     }
 
     // 48000 first: what cards and desktop servers run natively, so the
-    // signal reaches the device without a conversion in between.
-    const auto usable = [&](bool outputFlag, bool inputFlag) { return outputFlag && (!withCapture || inputFlag); };
+    // signal reaches the device without a conversion in between. A server
+    // fixed at another rate (JACK at 44100 Hz) still runs, converted: the
+    // highest rate both sides take.
+    const auto usable = [&](unsigned rate) { return outputRates.has(rate) && (!withCapture || inputRates.has(rate)); };
     unsigned deviceRate = 0;
-    if (usable(outputRates.r48000, inputRates.r48000))
-        deviceRate = 48000;
-    else if (usable(outputRates.r16000, inputRates.r16000))
-        deviceRate = 16000;
-    else if (usable(outputRates.r8000, inputRates.r8000))
-        deviceRate = 8000;
+    for (unsigned rate : {48000u, 16000u, 8000u})
+        if (deviceRate == 0 && usable(rate))
+            deviceRate = rate;
+    if (deviceRate == 0)
+        for (unsigned rate : outputRates.all)
+            if (usable(rate))
+                deviceRate = std::max(deviceRate, rate);
     if (deviceRate == 0) {
         warning("audio2", false) << "Unsupported rate in universal device driver";
         try {
-            logSupportedRates("Supported rates for output device ", rtAudio.getDeviceInfo(outputDevice));
+            logSupportedRates("Supported rates for output device ", m_rtAudio.getDeviceInfo(outputDevice));
             if (withCapture)
-                logSupportedRates("Supported rates for input device ", rtAudio.getDeviceInfo(inputDevice));
+                logSupportedRates("Supported rates for input device ", m_rtAudio.getDeviceInfo(inputDevice));
         } catch (const RtAudioError& e) {
             warning("audio2", false) << "In universal device failed to failed to list supported sample rates: "
                                      << e.getMessage();
@@ -230,103 +286,96 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
         return -3;
     }
     soundLayer.unlock();
-    p.m_deviceSampleRate = deviceRate;
-    debug("audio2", 0, false) << "In universal device using sample rate " << p.m_deviceSampleRate;
+    debug("audio2", 0, false) << "In universal device using sample rate " << deviceRate;
+
+    // The record changes under the audio thread's lock: the supervisor
+    // negotiates again while clients may read the stream's facts.
+    boost::lock_guard<boost::mutex> lock(m_mutex);
+    m_outputDevice = outputDevice;
+    m_inputDevice = inputDevice;
+    m_playbackChannels = playbackChannels;
+    m_clientPlaybackChannels = clientPlaybackChannels;
+    m_deviceSampleRate = deviceRate;
 
     // The hardware buffer never goes below the floor; the client's period
     // still decides the chunk the pipeline works in.
-    const int period = std::max(static_cast<int>(p.m_minPeriodMs), configuration.periodMs);
-    p.m_bufferFrames = p.m_deviceSampleRate * static_cast<uint32_t>(period) / 1000u;
-    p.m_aecDelay = 3 * period;
-    p.m_useVoicePreprocessor = m_hasVoicePreprocessor;
-    p.m_device = shared_from_this();
+    const int period = std::max(static_cast<int>(m_minPeriodMs), configuration.periodMs);
+    m_bufferFrames = m_deviceSampleRate * static_cast<uint32_t>(period) / 1000u;
+    m_aecDelay = 3 * period;
 
     // A negative channel count means "no capture"; stored as 0 so that no
     // buffer or converter is sized from it.
-    p.m_captureChannels = withCapture ? static_cast<uint32_t>(configuration.captureChannels) : 0u;
-    p.m_sampleRate = static_cast<uint32_t>(configuration.sampleRate);
-    p.m_periodMs = static_cast<uint32_t>(configuration.periodMs);
-    p.m_deviceChunkFrames = p.m_periodMs * p.m_deviceSampleRate / 1000u;
-    p.m_chunkFrames = p.m_sampleRate * p.m_periodMs / 1000u;
+    m_captureChannels = withCapture ? static_cast<uint32_t>(configuration.captureChannels) : 0u;
+    m_sampleRate = static_cast<uint32_t>(configuration.sampleRate);
+    m_periodMs = static_cast<uint32_t>(configuration.periodMs);
+    m_deviceChunkFrames = m_periodMs * m_deviceSampleRate / 1000u;
+    m_chunkFrames = m_sampleRate * m_periodMs / 1000u;
 
     // Every per-period buffer is sized here, once, so the callback never resizes.
-    p.m_playbackBuffer.resize(p.m_chunkFrames * p.m_clientPlaybackChannels * 2u);
-    p.m_playbackLeft.resize(p.m_chunkFrames * p.m_playbackChannels * 2u);
-    p.m_resampledCapture.resize(p.m_chunkFrames * p.m_captureChannels * 2u);
-    p.m_resampledPlayback.resize(p.m_deviceChunkFrames * p.m_clientPlaybackChannels * 2u);
-    for (std::vector<char>* buffer : {&p.m_resampledCapture, &p.m_resampledPlayback, &p.m_playbackBuffer, &p.m_playbackLeft})
-        std::fill(buffer->begin(), buffer->end(), 0);
-    p.m_resyncFrames = p.m_deviceSampleRate * 200u / 1000u;
+    m_playbackBuffer.assign(m_chunkFrames * m_clientPlaybackChannels * 2u, 0);
+    m_playbackLeft.assign(m_chunkFrames * m_playbackChannels * 2u, 0);
+    m_resampledCapture.assign(m_chunkFrames * m_captureChannels * 2u, 0);
+    m_resampledPlayback.assign(m_deviceChunkFrames * m_clientPlaybackChannels * 2u, 0);
+    m_resyncFrames = m_deviceSampleRate * 200u / 1000u;
 
-    if (result == 0) {
-        outputParameters.deviceId = outputDevice;
-        outputParameters.nChannels = p.m_playbackChannels;
-        outputParameters.firstChannel = 0;
-        RtAudio::StreamOptions options;
-        options.flags = 0;
-        options.numberOfBuffers = 0;
-        options.priority = 0;
-        if (withCapture) {
-            inputParameters.deviceId = inputDevice;
-            inputParameters.nChannels = static_cast<unsigned>(configuration.captureChannels);
-            inputParameters.firstChannel = 0;
-            // Only a duplex stream asks for real-time scheduling.
-            options.flags = RTAUDIO_SCHEDULE_REALTIME;
-            options.priority = 2;
-        }
+    // The FIFOs hold what is short of a period plus the longest buffer the
+    // pipeline takes (a longer one is a resynchronisation).
+    const size_t carried = static_cast<size_t>(m_deviceChunkFrames) + m_resyncFrames;
+    m_captureFifo.clear();
+    m_captureFifo.set_capacity(carried * m_captureChannels);
+    m_playbackFifo.clear();
+    m_playbackFifo.set_capacity((carried + m_deviceChunkFrames) * m_playbackChannels);
+    m_captureChunk.assign(static_cast<size_t>(m_deviceChunkFrames) * m_captureChannels, 0);
+    m_pendingFrames = 0;
+    m_playbackLagFrames = 0;
+    m_buffersWithErrors = 0;
+    m_errorsSeen = m_soundLayerErrors.load();
+    return result;
+}
 
-        TAudio2UniversalDevice_p::registerDevice(*this);
-
-        try {
-            debug("audio2", 0, false) << "In universal device before open stream";
-            const boost::lock_guard<boost::mutex> openLock(SoundLayerMutex);
-            rtAudio.openStream(&outputParameters, withCapture ? &inputParameters : nullptr, RTAUDIO_SINT16,
-                               p.m_deviceSampleRate, &p.m_bufferFrames, &rtAudioCallBack, &p.m_id, &options,
-                               &rtAudioError);
-            debug("audio2", 0, false) << "In universal device after open stream";
-        } catch (const RtAudioError& e) {
-            errorText = e.getMessage();
-            result = -4;
-        }
-
-        // Whatever fails while the chain is built must not leave an open,
-        // registered stream behind an exception the client never expected.
-        if (result == 0) {
-            try {
-                p.setupVoiceProcessing(configuration);
-            } catch (const std::exception& e) {
-                errorText = std::string("voice processing could not be set up: ") + e.what();
-                result = -4;
-                closeStream();
-            }
-        }
-
-        if (result == 0) {
-            try {
-                debug("audio2", 0, false) << "In universal device before start stream";
-                {
-                    const boost::lock_guard<boost::mutex> startLock(SoundLayerMutex);
-                    rtAudio.startStream();
-                }
-                debug("audio2", 0, false) << "In universal device after start stream";
-                // Stored after the start: buffers that come earlier are
-                // skipped. The lock keeps the audio thread from reading a
-                // half-written function.
-                boost::lock_guard<boost::mutex> lock(p.m_mutex);
-                p.m_callback = callback;
-            } catch (const RtAudioError& e) {
-                errorText = e.getMessage();
-                result = -5;
-                closeStream();
-            }
-        }
+int TAudio2UniversalDevice_p::openSoundLayer(const TAudio2StreamConfiguration& configuration, std::string& errorText)
+{
+    const bool withCapture = m_captureChannels != 0;
+    RtAudio::StreamParameters outputParameters;
+    outputParameters.deviceId = m_outputDevice;
+    outputParameters.nChannels = m_playbackChannels;
+    outputParameters.firstChannel = 0;
+    RtAudio::StreamParameters inputParameters;
+    RtAudio::StreamOptions options;
+    options.flags = 0;
+    options.numberOfBuffers = 0;
+    options.priority = 0;
+    if (withCapture) {
+        inputParameters.deviceId = m_inputDevice;
+        inputParameters.nChannels = static_cast<unsigned>(configuration.captureChannels);
+        inputParameters.firstChannel = 0;
+        // Only a duplex stream asks for real-time scheduling.
+        options.flags = RTAUDIO_SCHEDULE_REALTIME;
+        options.priority = 2;
     }
 
-    if (result != 0)
-        debug("audio2", 0, false) << "TAudio2UniversalDevice::openStream() failed: " << errorText;
-    if (error)
-        *error = errorText;
-    return result;
+    try {
+        debug("audio2", 0, false) << "In universal device before open stream";
+        const boost::lock_guard<boost::mutex> openLock(SoundLayerMutex);
+        m_rtAudio.openStream(&outputParameters, withCapture ? &inputParameters : nullptr, RTAUDIO_SINT16,
+                             m_deviceSampleRate, &m_bufferFrames, &rtAudioCallBack, &m_id, &options, &rtAudioError);
+        debug("audio2", 0, false) << "In universal device after open stream";
+    } catch (const RtAudioError& e) {
+        errorText = e.getMessage();
+        return -4;
+    }
+    return 0;
+}
+
+void TAudio2UniversalDevice_p::startSoundLayer()
+{
+    m_lastCallbackNs.store(0);
+    debug("audio2", 0, false) << "In universal device before start stream";
+    {
+        const boost::lock_guard<boost::mutex> startLock(SoundLayerMutex);
+        m_rtAudio.startStream();
+    }
+    debug("audio2", 0, false) << "In universal device after start stream";
 }
 
 } // namespace tamrel

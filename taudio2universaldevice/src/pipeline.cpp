@@ -1,9 +1,13 @@
 // One hardware buffer through the duplex pipeline, on the sound layer's
-// real-time thread. Per chunk of one period: capture conversion, capture
-// recording, echo cancellation in 10 ms blocks, processed-capture
-// recording, the client's frame callback, stereo-to-left reduction,
-// playback recording, far-end analysis, playback conversion and output.
-// Nothing here allocates, resizes or waits on anything but m_mutex.
+// real-time thread. The buffer's capture joins the capture FIFO; every whole
+// period there goes through the chunk pipeline (capture conversion, capture
+// recording, echo cancellation in 10 ms blocks, processed-capture recording,
+// the client's frame callback, stereo-to-left reduction, playback recording,
+// far-end analysis, playback conversion) into the playback FIFO, from which
+// the buffer's output is taken. Frames short of a period wait in the FIFOs
+// for the next buffer, as in PortAudio's buffer processor and WebRTC's fine
+// audio buffer. Nothing here allocates, resizes or waits on anything but
+// m_mutex.
 #include "taudio2universaldevice_p.h"
 
 #include <shared/debugstream.h>
@@ -16,6 +20,7 @@
 #include <boost/thread/locks.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 namespace tamrel {
@@ -34,6 +39,17 @@ void fillFrame(webrtc::AudioFrame& frame, uint32_t id, uint32_t timestamp, const
         std::memcpy(frame.data_, samples, available * sizeof(int16_t));
 }
 
+// Buffers in a row each followed by a sound-layer error before the stream
+// counts as lost: a dead server fails every read and write at once, and
+// RtAudio then calls back without pause.
+const uint32_t FAILING_BUFFERS_FOR_LOSS = 3;
+
+int64_t steadyNowNs()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
 } // namespace
 
 int TAudio2UniversalDevice_p::rtAudioCallback(void* outputBuffer, void* inputBuffer, unsigned nFrames,
@@ -47,126 +63,208 @@ int TAudio2UniversalDevice_p::rtAudioCallback(void* outputBuffer, void* inputBuf
                                   << static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(outputBuffer)) << ", "
                                   << nFrames << ", " << m_deviceChunkFrames;
 
-    int remaining = static_cast<int>(nFrames);
+    m_lastCallbackNs.store(steadyNowNs(), std::memory_order_relaxed);
+    m_lastBufferFrames.store(nFrames, std::memory_order_relaxed);
+    m_callbackCount.fetch_add(1, std::memory_order_relaxed);
+    int16_t* output = static_cast<int16_t*>(outputBuffer);
+    const auto silence = [output, nFrames, this] {
+        if (output)
+            std::fill_n(output, static_cast<size_t>(nFrames) * m_playbackChannels, int16_t(0));
+    };
+
+    // The errors the sound layer reported since the last buffer: a run of
+    // failing buffers means it lost the stream, and the client is not
+    // called on it again until the supervisor has reopened it.
+    const uint64_t errors = m_soundLayerErrors.load(std::memory_order_relaxed);
+    m_buffersWithErrors = errors != m_errorsSeen ? m_buffersWithErrors + 1 : 0;
+    m_errorsSeen = errors;
+    if (m_buffersWithErrors >= FAILING_BUFFERS_FOR_LOSS)
+        m_streamLost.store(true, std::memory_order_relaxed);
+    if (m_streamLost.load(std::memory_order_relaxed)) {
+        silence();
+        m_framesLost.fetch_add(nFrames, std::memory_order_relaxed);
+        return 0;
+    }
+
     // A buffer this long means the stream stalled; playing it would only
     // add latency, so it is dropped whole.
     if (nFrames >= m_resyncFrames) {
         debug("audio2", 0, false) << "Universal device resynch " << static_cast<int>(nFrames) << "/" << m_resyncFrames;
-        remaining = 0;
+        silence();
+        m_framesLost.fetch_add(nFrames, std::memory_order_relaxed);
+        return 0;
     }
+    // Buffers that arrive before openStream() has stored the frame callback
+    // are skipped whole, before they touch the FIFOs.
+    if (m_callback.empty())
+        boost::throw_exception(boost::bad_function_call());
+
     const int16_t* input = static_cast<const int16_t*>(inputBuffer);
-    int16_t* output = static_cast<int16_t*>(outputBuffer);
+    const size_t captureSamples = static_cast<size_t>(nFrames) * m_captureChannels;
+    if (input && m_captureChannels != 0) {
+        // Frames that came without capture are heard as silence.
+        const size_t owed = static_cast<size_t>(m_pendingFrames) * m_captureChannels;
+        if (m_captureFifo.size() < owed)
+            m_captureFifo.insert(m_captureFifo.begin(), owed - m_captureFifo.size(), int16_t(0));
+        m_captureFifo.insert(m_captureFifo.end(), input, input + captureSamples);
+    } else {
+        m_captureFifo.clear();
+        input = nullptr;
+    }
+    m_pendingFrames += nFrames;
+
+    const uint32_t chunk = m_deviceChunkFrames;
+    const size_t chunkSamples = static_cast<size_t>(chunk) * m_captureChannels;
+    int result = 0;
+    while (chunk > 0 && m_pendingFrames >= chunk) {
+        const int16_t* captured = nullptr;
+        if (input) {
+            std::copy_n(m_captureFifo.begin(), chunkSamples, m_captureChunk.begin());
+            m_captureFifo.erase_begin(chunkSamples);
+            captured = m_captureChunk.data();
+        }
+        m_pendingFrames -= chunk;
+        // A client that fails a period abandons the rest of the buffer: its
+        // periods are played as silence.
+        if (result != 0) {
+            if (output)
+                pushSilence(chunk);
+            m_framesLost.fetch_add(chunk, std::memory_order_relaxed);
+        } else if (!processChunk(captured, output != nullptr)) {
+            result = -1;
+        }
+    }
+
+    if (output) {
+        const uint32_t channels = m_playbackChannels;
+        const uint32_t queued = static_cast<uint32_t>(m_playbackFifo.size() / channels);
+        // The first buffer that is not a whole number of periods finds the
+        // playback short: it is put one period behind the capture for good,
+        // after which it never runs dry. The silence goes ahead of what is
+        // queued, so the playback has one gap, not one per buffer.
+        if (queued < nFrames) {
+            const uint32_t lag = std::max(nFrames - queued, chunk > m_playbackLagFrames ? chunk - m_playbackLagFrames : 0u);
+            m_playbackFifo.insert(m_playbackFifo.begin(), static_cast<size_t>(lag) * channels, int16_t(0));
+            m_playbackLagFrames += lag;
+        }
+        const size_t samples = static_cast<size_t>(nFrames) * channels;
+        std::copy_n(m_playbackFifo.begin(), samples, output);
+        m_playbackFifo.erase_begin(samples);
+    }
+    m_framesCarried.fetch_add(m_pendingFrames, std::memory_order_relaxed);
+    return result;
+}
+
+void TAudio2UniversalDevice_p::pushSilence(uint32_t frames)
+{
+    m_playbackFifo.insert(m_playbackFifo.end(), static_cast<size_t>(frames) * m_playbackChannels, int16_t(0));
+}
+
+// One period: captured holds it at the card's rate (null without capture);
+// its playback goes to the playback FIFO when there is an output. False
+// when the client's callback failed it (its playback is then silence).
+bool TAudio2UniversalDevice_p::processChunk(const int16_t* captured, bool hasOutput)
+{
     const bool convert = m_deviceSampleRate != m_sampleRate;
     const uint32_t block = m_apmFrameSamples;
-    const int chunk = static_cast<int>(m_deviceChunkFrames);
-
-    // A zero-length period makes no chunk at all (the frames count as lost).
-    while (chunk > 0 && remaining >= chunk) {
-        const char* capture = nullptr;
-        int captureBytes = 0;
-        if (input) {
-            if (convert) {
-                size_t produced = 0;
-                m_captureResampler->Push(input, m_deviceChunkFrames * m_captureChannels,
-                                         reinterpret_cast<int16_t*>(m_resampledCapture.data()),
-                                         m_chunkFrames * m_captureChannels, produced);
-                capture = m_resampledCapture.data();
-                captureBytes = static_cast<int>(m_chunkFrames * m_captureChannels * 2u);
-            } else {
-                capture = reinterpret_cast<const char*>(input);
-                captureBytes = static_cast<int>(m_deviceChunkFrames * m_captureChannels * 2u);
-            }
-            if (m_captureFile)
-                sf_write_short(m_captureFile, reinterpret_cast<const short*>(capture), m_chunkFrames);
-            input += m_deviceChunkFrames * m_captureChannels;
-
-            if (m_useVoicePreprocessor) {
-                const int16_t* samples = reinterpret_cast<const int16_t*>(capture);
-                int16_t* processed = reinterpret_cast<int16_t*>(m_processedCapture.data());
-                for (uint32_t offset = 0; block > 0 && offset < m_chunkFrames; offset += block) {
-                    const size_t available = std::min<size_t>(block, m_chunkFrames - offset);
-                    m_apm->set_stream_delay_ms(0);
-                    webrtc::AudioFrame frame;
-                    fillFrame(frame, m_captureFrameId, m_captureTimestamp, samples + offset, available, block,
-                              m_sampleRate);
-                    m_apm->ProcessStream(&frame);
-                    std::memcpy(processed + offset, frame.data_, available * sizeof(int16_t));
-                    ++m_captureFrameId;
-                    m_captureTimestamp += static_cast<uint32_t>(m_apmFrameMs);
-                }
-                if (m_captureAecFile)
-                    sf_write_short(m_captureAecFile, processed, m_chunkFrames);
-                capture = m_processedCapture.data();
-                // The processed chunk is mono: never promise more than it holds.
-                captureBytes = std::min(captureBytes, static_cast<int>(m_processedCapture.size()));
-            }
+    const char* capture = nullptr;
+    int captureBytes = 0;
+    if (captured) {
+        if (convert) {
+            size_t produced = 0;
+            m_captureResampler->Push(captured, m_deviceChunkFrames * m_captureChannels,
+                                     reinterpret_cast<int16_t*>(m_resampledCapture.data()),
+                                     m_chunkFrames * m_captureChannels, produced);
+            capture = m_resampledCapture.data();
+            captureBytes = static_cast<int>(m_chunkFrames * m_captureChannels * 2u);
+        } else {
+            capture = reinterpret_cast<const char*>(captured);
+            captureBytes = static_cast<int>(m_deviceChunkFrames * m_captureChannels * 2u);
         }
+        if (m_captureFile)
+            sf_write_short(m_captureFile, reinterpret_cast<const short*>(capture), m_chunkFrames);
 
-        if (m_callback.empty())
-            boost::throw_exception(boost::bad_function_call());
-        const int playbackBytes = static_cast<int>(m_chunkFrames * m_clientPlaybackChannels * 2u);
-        if (!m_callback(capture, captureBytes, m_playbackBuffer.data(), playbackBytes, 0)) {
-            debug("audio2", 8, false) << "TAudio2UniversalDevice_p::rtAudioCallback callback failed playbackBuffer="
-                                      << static_cast<void*>(m_playbackBuffer.data()) << " playbackSize=" << playbackBytes;
-            return -1;
+        if (m_useVoicePreprocessor) {
+            const int16_t* samples = reinterpret_cast<const int16_t*>(capture);
+            int16_t* processed = reinterpret_cast<int16_t*>(m_processedCapture.data());
+            for (uint32_t offset = 0; block > 0 && offset < m_chunkFrames; offset += block) {
+                const size_t available = std::min<size_t>(block, m_chunkFrames - offset);
+                m_apm->set_stream_delay_ms(0);
+                webrtc::AudioFrame frame;
+                fillFrame(frame, m_captureFrameId, m_captureTimestamp, samples + offset, available, block,
+                          m_sampleRate);
+                m_apm->ProcessStream(&frame);
+                std::memcpy(processed + offset, frame.data_, available * sizeof(int16_t));
+                ++m_captureFrameId;
+                m_captureTimestamp += static_cast<uint32_t>(m_apmFrameMs);
+            }
+            if (m_captureAecFile)
+                sf_write_short(m_captureAecFile, processed, m_chunkFrames);
+            capture = m_processedCapture.data();
+            // The processed chunk is mono: never promise more than it holds.
+            captureBytes = std::min(captureBytes, static_cast<int>(m_processedCapture.size()));
         }
-        debug("audio2", 8, false) << "TAudio2UniversalDevice_p::rtAudioCallback callback processed playbackBuffer="
-                                  << static_cast<void*>(m_playbackBuffer.data()) << " playbackSize=" << playbackBytes;
-
-        if (output) {
-            const int16_t* source = reinterpret_cast<const int16_t*>(m_playbackBuffer.data());
-            // A stereo client on a mono output: the left channel is played,
-            // the right one dropped rather than mixed.
-            if (m_clientPlaybackChannels == 2 && m_playbackChannels == 1) {
-                int16_t* left = reinterpret_cast<int16_t*>(m_playbackLeft.data());
-                for (uint32_t i = 0; i < m_chunkFrames; ++i)
-                    left[i] = source[2 * i];
-                source = left;
-            }
-
-            if (m_useVoicePreprocessor) {
-                const uint32_t stride = m_playbackChannels == 2 ? 2 : 1;
-                if (m_playbackFile && m_chunkFrames != 0) {
-                    for (uint32_t i = 0; i < m_chunkFrames; ++i) {
-                        short sample = source[i * stride];
-                        sf_writef_short(m_playbackFile, &sample, 1);
-                    }
-                }
-                for (uint32_t offset = 0; block > 0 && offset < m_chunkFrames; offset += block) {
-                    const size_t available = std::min<size_t>(block, m_chunkFrames - offset);
-                    const int16_t* samples = source + offset * m_playbackChannels;
-                    // The far end of a stereo output is what both speakers
-                    // emit together: the saturated sum, not the average.
-                    if (m_playbackChannels == 2) {
-                        for (size_t i = 0; i < available; ++i)
-                            m_reverseMono[i] = TAudio2Node::normalize(samples[2 * i] + samples[2 * i + 1]);
-                        samples = m_reverseMono.data();
-                    }
-                    webrtc::AudioFrame frame;
-                    fillFrame(frame, m_reverseFrameId, m_reverseTimestamp, samples, available, block, m_sampleRate);
-                    m_apm->AnalyzeReverseStream(&frame);
-                    ++m_reverseFrameId;
-                    m_reverseTimestamp += static_cast<uint32_t>(m_apmFrameMs);
-                }
-            }
-
-            if (convert) {
-                size_t produced = 0;
-                m_playbackResampler->Push(source, m_chunkFrames * m_playbackChannels,
-                                          reinterpret_cast<int16_t*>(m_resampledPlayback.data()),
-                                          m_resampledPlayback.size() / 2, produced);
-                source = reinterpret_cast<const int16_t*>(m_resampledPlayback.data());
-            }
-            std::memcpy(output, source, m_deviceChunkFrames * m_playbackChannels * sizeof(int16_t));
-            output += m_deviceChunkFrames * m_playbackChannels;
-        }
-        remaining -= chunk;
     }
 
-    // The pipeline works in whole chunks only and carries nothing over.
-    if (remaining > 0)
-        debug("audio2", 0, false) << "TAudio2UniversalDevice_p::rtAudioCallback lost samples: " << remaining;
-    return 0;
+    const int playbackBytes = static_cast<int>(m_chunkFrames * m_clientPlaybackChannels * 2u);
+    if (!m_callback(capture, captureBytes, m_playbackBuffer.data(), playbackBytes, 0)) {
+        debug("audio2", 8, false) << "TAudio2UniversalDevice_p::rtAudioCallback callback failed playbackBuffer="
+                                  << static_cast<void*>(m_playbackBuffer.data()) << " playbackSize=" << playbackBytes;
+        if (hasOutput)
+            pushSilence(m_deviceChunkFrames);
+        return false;
+    }
+    debug("audio2", 8, false) << "TAudio2UniversalDevice_p::rtAudioCallback callback processed playbackBuffer="
+                              << static_cast<void*>(m_playbackBuffer.data()) << " playbackSize=" << playbackBytes;
+    if (!hasOutput)
+        return true;
+
+    const int16_t* source = reinterpret_cast<const int16_t*>(m_playbackBuffer.data());
+    // A stereo client on a mono output: the left channel is played, the
+    // right one dropped rather than mixed.
+    if (m_clientPlaybackChannels == 2 && m_playbackChannels == 1) {
+        int16_t* left = reinterpret_cast<int16_t*>(m_playbackLeft.data());
+        for (uint32_t i = 0; i < m_chunkFrames; ++i)
+            left[i] = source[2 * i];
+        source = left;
+    }
+
+    if (m_useVoicePreprocessor) {
+        const uint32_t stride = m_playbackChannels == 2 ? 2 : 1;
+        if (m_playbackFile && m_chunkFrames != 0) {
+            for (uint32_t i = 0; i < m_chunkFrames; ++i) {
+                short sample = source[i * stride];
+                sf_writef_short(m_playbackFile, &sample, 1);
+            }
+        }
+        for (uint32_t offset = 0; block > 0 && offset < m_chunkFrames; offset += block) {
+            const size_t available = std::min<size_t>(block, m_chunkFrames - offset);
+            const int16_t* samples = source + offset * m_playbackChannels;
+            // The far end of a stereo output is what both speakers emit
+            // together: the saturated sum, not the average.
+            if (m_playbackChannels == 2) {
+                for (size_t i = 0; i < available; ++i)
+                    m_reverseMono[i] = TAudio2Node::normalize(samples[2 * i] + samples[2 * i + 1]);
+                samples = m_reverseMono.data();
+            }
+            webrtc::AudioFrame frame;
+            fillFrame(frame, m_reverseFrameId, m_reverseTimestamp, samples, available, block, m_sampleRate);
+            m_apm->AnalyzeReverseStream(&frame);
+            ++m_reverseFrameId;
+            m_reverseTimestamp += static_cast<uint32_t>(m_apmFrameMs);
+        }
+    }
+
+    if (convert) {
+        size_t produced = 0;
+        m_playbackResampler->Push(source, m_chunkFrames * m_playbackChannels,
+                                  reinterpret_cast<int16_t*>(m_resampledPlayback.data()),
+                                  m_resampledPlayback.size() / 2, produced);
+        source = reinterpret_cast<const int16_t*>(m_resampledPlayback.data());
+    }
+    m_playbackFifo.insert(m_playbackFifo.end(), source,
+                          source + static_cast<size_t>(m_deviceChunkFrames) * m_playbackChannels);
+    return true;
 }
 
 } // namespace tamrel

@@ -8,6 +8,8 @@
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/locks.hpp>
 
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <vector>
 
@@ -19,6 +21,7 @@ boost::mutex SoundLayerMutex;
 boost::shared_mutex DevicesMutex;
 std::map<unsigned, boost::shared_ptr<TAudio2UniversalDevice>> Devices;
 unsigned DevicesIndexInc = 0;
+std::atomic<uint64_t> UnattributedSoundLayerErrors{0};
 
 namespace {
 
@@ -41,20 +44,53 @@ struct StreamsClosedAtExit {
     }
 } streamsClosedAtExit;
 
+// TAUDIO2_API, read when a device is made: RtAudio's own choice takes the
+// first layer with a device (JACK whenever a JACK server answers, as
+// PipeWire's JACK library always does), which is not always the one wanted.
+RtAudio::Api soundLayerFromEnvironment()
+{
+    const char* name = std::getenv("TAUDIO2_API");
+    if (!name)
+        return RtAudio::UNSPECIFIED;
+    const struct {
+        const char* name;
+        RtAudio::Api api;
+    } layers[] = {{"jack", RtAudio::UNIX_JACK}, {"pulseaudio", RtAudio::LINUX_PULSE}, {"alsa", RtAudio::LINUX_ALSA}};
+    for (const auto& layer : layers)
+        if (std::strcmp(name, layer.name) == 0)
+            return layer.api;
+    warning("audio2", false) << "TAUDIO2_API=" << name
+                             << " is not a sound layer (jack, pulseaudio, alsa); using the default";
+    return RtAudio::UNSPECIFIED;
+}
+
 TAudio2UniversalDevice_p* newRecord()
 {
+    const RtAudio::Api api = soundLayerFromEnvironment();
     // The sound layer's constructor already queries the server.
     boost::lock_guard<boost::mutex> soundLayer(SoundLayerMutex);
-    return new TAudio2UniversalDevice_p();
+    return new TAudio2UniversalDevice_p(api);
+}
+
+// The stream whose buffers this thread delivers: RtAudio's error callback
+// carries no user data, but reports a stream's failures on its own thread.
+const unsigned NO_STREAM = 0xFFFFFFFF;
+thread_local unsigned CurrentStreamId = NO_STREAM;
+
+boost::shared_ptr<TAudio2UniversalDevice> lookUp(unsigned id)
+{
+    boost::shared_lock<boost::shared_mutex> lock(DevicesMutex);
+    const auto it = Devices.find(id);
+    return it == Devices.end() ? boost::shared_ptr<TAudio2UniversalDevice>() : it->second;
 }
 
 } // namespace
 
 const unsigned TAudio2UniversalDevice::DEFAULT_SAMPLE_RATE = 16000;
 
-TAudio2UniversalDevice_p::TAudio2UniversalDevice_p()
+TAudio2UniversalDevice_p::TAudio2UniversalDevice_p(RtAudio::Api api)
     : m_useVoicePreprocessor(true)
-    , m_rtAudio(RtAudio::UNSPECIFIED)
+    , m_rtAudio(api)
     , m_deviceSampleRate(48000)
     , m_sampleRate(0)
     , m_bufferFrames(960)
@@ -81,7 +117,32 @@ TAudio2UniversalDevice_p::TAudio2UniversalDevice_p()
     , m_reverseFrameId(0)
     , m_reverseTimestamp(0)
     , m_clientPlaybackChannels(1)
+    , m_api(m_rtAudio.getCurrentApi())
+    , m_outputDevice(0)
+    , m_inputDevice(0)
+    , m_robustEchoCancellation(false)
+    , m_pendingFrames(0)
+    , m_playbackLagFrames(0)
+    , m_framesCarried(0)
+    , m_framesLost(0)
+    , m_lastBufferFrames(0)
+    , m_lastCallbackNs(0)
+    , m_callbackCount(0)
+    , m_soundLayerErrors(0)
+    , m_errorsSeen(0)
+    , m_buffersWithErrors(0)
+    , m_streamLost(false)
+    , m_recoveries(0)
+    , m_streamActive(false)
+    , m_supervisorStop(false)
 {
+}
+
+// closeStream() has stopped the supervisor of any stream; this is for a
+// record that dies with one still running (it never should).
+TAudio2UniversalDevice_p::~TAudio2UniversalDevice_p()
+{
+    stopSupervisor();
 }
 
 TAudio2UniversalDevice::TAudio2UniversalDevice(unsigned sampleRate)
@@ -144,13 +205,9 @@ void TAudio2UniversalDevice_p::unregisterDevice(unsigned id)
 int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, double streamTime, unsigned status,
                     void* userData)
 {
-    boost::shared_ptr<TAudio2UniversalDevice> device;
-    {
-        boost::shared_lock<boost::shared_mutex> lock(DevicesMutex);
-        const auto it = Devices.find(*static_cast<const unsigned*>(userData));
-        if (it != Devices.end())
-            device = it->second;
-    }
+    const unsigned id = *static_cast<const unsigned*>(userData);
+    const boost::shared_ptr<TAudio2UniversalDevice> device = lookUp(id);
+    CurrentStreamId = id;
     if (!device) {
         debug("audio2", 0, false) << "rtAudioCallback device not found";
         return -1;
@@ -171,6 +228,13 @@ int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, dou
 void rtAudioError(RtAudioError::Type /*type*/, const std::string& errorText)
 {
     warning("audio2", false) << "Rt audio error: " << errorText;
+    // On a stream's own thread the error is that stream's: a dead server
+    // fails every read and write there, and recovery needs to know.
+    const auto device = CurrentStreamId != NO_STREAM ? lookUp(CurrentStreamId) : nullptr;
+    if (device)
+        TAudio2UniversalDevice_p::of(*device).soundLayerFailed();
+    else
+        UnattributedSoundLayerErrors.fetch_add(1, std::memory_order_relaxed);
 }
 
 } // namespace tamrel

@@ -49,7 +49,9 @@ webrtc::AudioProcessing* createRobustModule()
 
 } // namespace
 
-void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfiguration& configuration)
+// Rebuilt whenever the card's rate may have changed: at open and when a
+// lost stream is reopened.
+void TAudio2UniversalDevice_p::setupConverters()
 {
     // With equal rates no converter is used; an earlier stream's stay idle.
     if (m_deviceSampleRate != m_sampleRate) {
@@ -63,12 +65,18 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
                                                 static_cast<int>(m_clientPlaybackChannels)));
         m_playbackResampler->prepare(m_chunkFrames, m_deviceChunkFrames);
     }
+}
 
+void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfiguration& configuration)
+{
+    setupConverters();
+    m_robustEchoCancellation = false;
     if (!m_useVoicePreprocessor)
         return;
 
     // A fresh module per stream: no canceller state carries over.
     const bool robust = robustEchoCancellationRequested();
+    m_robustEchoCancellation = robust;
     m_apm.reset(robust ? createRobustModule() : webrtc::AudioProcessing::Create());
     m_apm->high_pass_filter()->Enable(true);
     m_apm->echo_cancellation()->enable_drift_compensation(false);

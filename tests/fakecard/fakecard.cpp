@@ -2,10 +2,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 namespace fakecard {
+
+std::atomic<bool> threadStalled{false};
+std::atomic<bool> threadFailing{false};
 
 Card& card()
 {
@@ -16,6 +20,20 @@ Card& card()
 void reset()
 {
     card() = Card();
+    threadStalled = false;
+    threadFailing = false;
+}
+
+std::mutex& cardMutex()
+{
+    static std::mutex* const mutex = new std::mutex;
+    return *mutex;
+}
+
+void locked(const std::function<void()>& change)
+{
+    std::lock_guard<std::mutex> lock(cardMutex());
+    change();
 }
 
 int deliver(void* output, void* input, unsigned frames)
@@ -28,6 +46,7 @@ namespace {
 
 void count(Call call)
 {
+    std::lock_guard<std::mutex> lock(cardMutex());
     ++card().calls[call];
     const auto it = card().failures.find(call);
     if (it != card().failures.end() && call != Call::DeviceInfo)
@@ -94,12 +113,24 @@ public:
     void stopStream() override
     {
         count(Call::StopStream);
+        if (card().stopWaitsForCallback && thread_.joinable()) {
+            // Bounded here only so that a failing test ends.
+            const unsigned long seen = delivered_;
+            for (int i = 0; i < 5000 && delivered_ == seen; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
         halt();
         stream_.state = STREAM_STOPPED;
         card().streamRunning = false;
     }
 
-    void abortStream() override { stopStream(); }
+    void abortStream() override
+    {
+        count(Call::AbortStream);
+        halt();
+        stream_.state = STREAM_STOPPED;
+        card().streamRunning = false;
+    }
 
     void closeStream() override
     {
@@ -149,7 +180,12 @@ private:
             const Opened o = opened_;
             std::vector<short> out(o.bufferFrames * o.output.nChannels), in(o.bufferFrames * o.input.nChannels);
             while (running_) {
-                o.callback(out.data(), o.hasInput ? in.data() : nullptr, o.bufferFrames, 0.0, 0, o.userData);
+                if (!threadStalled) {
+                    o.callback(out.data(), o.hasInput ? in.data() : nullptr, o.bufferFrames, 0.0, 0, o.userData);
+                    ++delivered_;
+                    if (threadFailing && o.errorCallback)
+                        o.errorCallback(RtAudioError::WARNING, "fake: connection terminated");
+                }
                 std::this_thread::sleep_for(std::chrono::microseconds(pauseUs));
             }
         });
@@ -165,6 +201,7 @@ private:
 
     Opened opened_;
     std::atomic<bool> running_{false};
+    std::atomic<unsigned long> delivered_{0};
     std::thread thread_;
 };
 
@@ -207,4 +244,14 @@ bool RtApi::probeDeviceOpen(unsigned int, StreamMode, unsigned int, unsigned int
                             unsigned int*, RtAudio::StreamOptions*)
 {
     return FAILURE;
+}
+
+std::string RtAudio::getApiName(RtAudio::Api api)
+{
+    return api == RtAudio::RTAUDIO_DUMMY ? "dummy" : "fake";
+}
+
+std::string RtAudio::getApiDisplayName(RtAudio::Api api)
+{
+    return api == RtAudio::RTAUDIO_DUMMY ? "Dummy" : "Fake";
 }

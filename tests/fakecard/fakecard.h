@@ -6,6 +6,7 @@
 
 #include <rtaudio/RtAudio.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
@@ -13,7 +14,9 @@
 
 namespace fakecard {
 
-enum class Call { DeviceCount, DeviceInfo, DefaultInput, DefaultOutput, OpenStream, StartStream, StopStream, CloseStream };
+enum class Call {
+    DeviceCount, DeviceInfo, DefaultInput, DefaultOutput, OpenStream, StartStream, StopStream, AbortStream, CloseStream
+};
 
 struct Device {
     std::string name;
@@ -57,6 +60,9 @@ struct Card {
     unsigned callbackThreadPauseUs = 0;
     std::function<void()> duringOpen;           // runs inside openStream(), after the stream is open
     std::function<void()> duringStart;          // runs inside startStream(), after the state change
+    // As RtAudio's JACK backend: stopStream() drains, waiting for the
+    // stream's thread to call back once more (abortStream() does not wait).
+    bool stopWaitsForCallback = false;
 
     Opened opened;
     std::map<Call, int> calls;
@@ -68,6 +74,15 @@ struct Card {
 // outlives static destruction, so that streams closed at exit still find it.
 Card& card();
 void reset();
+
+// How the stream's thread behaves, changeable while it runs: stalled, it
+// calls back no more (a server that stopped); failing, it reports an error
+// through the error callback after every buffer (a dead server).
+extern std::atomic<bool> threadStalled;
+// Runs a change to the card under the lock its calls take, for tests that
+// script it while another thread (a supervisor reopening a stream) calls it.
+void locked(const std::function<void()>& change);
+extern std::atomic<bool> threadFailing;
 
 // Calls the callback of the most recently opened stream with its user data,
 // as the sound layer's thread would; returns what the callback returned.

@@ -4,6 +4,9 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <cstdint>
+#include <string>
+
 #if defined(TAUDIO2UNIVERSALDEV_BUILD)
 #define TAUDIO2UNIVERSALDEV_EXPORT __attribute__((visibility("default")))
 #else
@@ -82,6 +85,25 @@ public:
         NO_DEVICES = -6,            // a device was named, but there are no devices
     };
 
+    // What the stream really is, as negotiated with the sound layer; see
+    // streamInfo(). Counters run from openStream() and survive recoveries.
+    struct StreamInfo {
+        bool open = false;                  // between a successful openStream() and closeStream()
+        bool delivering = false;            // false while the stream is lost or being reopened
+        std::string soundLayer;             // RtAudio's name of its API ("JACK", "Pulse", "ALSA", ...)
+        unsigned cardRateHz = 0;            // the rate the card runs at
+        unsigned grantedBufferFrames = 0;   // frames per buffer the sound layer granted at the last open
+        unsigned lastBufferFrames = 0;      // frames in the most recent buffer (servers may change it)
+        unsigned periodMs = 0;              // the client's period
+        unsigned framesPerPeriod = 0;       // at the client's rate
+        unsigned cardFramesPerPeriod = 0;   // at the card's rate
+        int toldDelayMs = 0;                // echo delay the canceller is told
+        std::string echoCancellation;       // "standard", "robust" or "off"
+        uint64_t framesCarried = 0;         // card frames held over to a later buffer (not whole periods)
+        uint64_t framesLost = 0;            // card frames dropped (resynchronisations, a lost stream)
+        uint64_t recoveries = 0;            // times the stream was reopened after the sound layer lost it
+    };
+
     // sampleRate: the client's rate until the first openStream(), which
     // takes the configuration's rate instead.
     explicit TAudio2UniversalDevice(unsigned sampleRate);
@@ -125,6 +147,11 @@ public:
     void closeStream() override;
     bool hasVoicePreprocessor() const override;
     void reset() override;
+
+    // A snapshot of the stream; any thread except the frame callback's (it
+    // waits for a running callback). Without an open stream: open false and
+    // the counters of the last stream.
+    StreamInfo streamInfo() const;
 
 private:
     friend class TAudio2UniversalDevice_p;
