@@ -77,7 +77,9 @@ class AnalysisTest(unittest.TestCase):
 
 # As taudio2call writes it (tests/test_callsession.cpp holds the same text).
 CALL_RECORD = ('{"rate": 16000, "period_ms": 20, "playback_channels": 2, "capture_channels": 1, '
-               '"told_delay_ms": 130, "aec_mode": "robust"}\n')
+               '"told_delay_ms": 100, "aec_mode": "robust", "sound_layer": "Pulse", "card_rate_hz": 48000, '
+               '"granted_buffer_frames": 1024, "last_buffer_frames": 512, "frames_carried": 4294967296, '
+               '"frames_lost": 960, "recoveries": 1, "ended": true}\n')
 
 
 class DiagnosisTest(unittest.TestCase):
@@ -92,7 +94,7 @@ class DiagnosisTest(unittest.TestCase):
                 (72.0, 130, "standard", 2, "outside the standard window (145 to 185 ms); run with --aec robust"),
                 (30.0, 130, "standard", 2, "before the told delay"),
                 (float("nan"), 60, "standard", 1, "no echo delay could be measured"),
-                (181.0, -1, "standard", 1, "did not log")):
+                (181.0, 130, "off", 2, "no echo canceller")):
             with self.subTest(delay=delay, told=told, mode=mode):
                 record = {"told_delay_ms": told, "aec_mode": mode, "playback_channels": channels}
                 line = aec_report.diagnose(delay, record)
@@ -129,9 +131,10 @@ class CommandLineTest(unittest.TestCase):
         self.assertTrue(data.startswith(b"\x89PNG") and len(data) > 10000)
 
     def test_call_record_beside_the_recordings(self):
-        for text, diagnosis in ((CALL_RECORD, "\ndiagnosis: echo 120 ms, told 130 ms (robust mode, 2 output "
-                                              "channels): -10 ms; within robust mode's reach"),
-                                ("{not json", None), ('{"rate": 16000}', None)):
+        for text, diagnosis in ((CALL_RECORD, "\ndiagnosis: echo 120 ms, told 100 ms (robust mode, 2 output "
+                                              "channels): +20 ms; within robust mode's reach"),
+                                ("{not json", None), ('{"rate": 16000}', None),
+                                (CALL_RECORD.replace('"robust"', '"loud"'), None)):
             with self.subTest(text):
                 (self.dir / "call.json").write_text(text)
                 code, out, err = self.run_main(synth_call(seconds=6, far=((0, 6),), near=()), [])

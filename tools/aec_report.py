@@ -18,8 +18,10 @@ import numpy as np
 import soundfile as sf
 
 FILES = ("capture.wav", "capture_aec.wav", "playback.wav")
-# Written beside the recordings by taudio2call: the configuration of the call.
+# Written beside the recordings by taudio2call: the call's configuration and
+# what the device said of its stream, told delay and canceller mode included.
 CALL_RECORD = "call.json"
+AEC_MODES = ("standard", "robust", "off")
 # The standard canceller removes echo that comes this much later than the delay
 # it is told (README, "Echo delay"); robust mode finds later echoes itself.
 AEC_WINDOW_MS = (15.0, 55.0)
@@ -231,25 +233,26 @@ def judge(erle_median, near_change, good_erle=DEFAULTS["good_erle"]):
 
 
 def read_call_record(directory):
-    """The call's configuration from call.json, or None when there is none or it is unusable."""
+    """The call's record from call.json, or None when there is none or it is unusable."""
     path = os.path.join(directory, CALL_RECORD)
     try:
         with open(path, encoding="utf-8") as f:
             record = json.load(f)
-        int(record["told_delay_ms"]), int(record["playback_channels"])
+        usable = int(record["told_delay_ms"]) >= 0 and record["aec_mode"] in AEC_MODES
+        int(record["playback_channels"])
     except (OSError, ValueError, KeyError, TypeError):
         return None
-    return record
+    return record if usable else None
 
 
 def diagnose(delay_ms, record):
     """One line: the measured echo delay against the told delay and the canceller's
     window, and what to change when the echo falls outside it."""
     told = int(record["told_delay_ms"])
-    mode = record.get("aec_mode", "standard")
+    mode = record["aec_mode"]
     channels = int(record["playback_channels"])
-    if told < 0:
-        return "diagnosis: the device did not log the delay it told the canceller"
+    if mode == "off":
+        return "diagnosis: the device ran no echo canceller in this call"
     if np.isnan(delay_ms):
         return f"diagnosis: told {told} ms, but no echo delay could be measured"
     late = delay_ms - told

@@ -98,6 +98,9 @@ bool validate(const CallOptions& o, std::string* error)
 
 } // namespace
 
+const char* const API_VARIABLE = "TAUDIO2_API";
+const char* const AEC_MODE_VARIABLE = "TAUDIO2_AEC";
+
 ParseResult parseCallOptions(const QStringList& arguments)
 {
     QCommandLineParser parser;
@@ -123,6 +126,8 @@ ParseResult parseCallOptions(const QStringList& arguments)
         {"record", "Write the processed capture to a WAV file at the client rate.", "FILE"},
         {"duration", "Seconds to run; 0 runs until Ctrl-C (default 0).", "SECONDS"},
         {"aec", "Echo canceller mode: standard or robust (sets TAUDIO2_AEC for this call).", "MODE"},
+        {"api", "Sound layer: jack, pulseaudio or alsa (sets TAUDIO2_API for this run; with neither, "
+                "RtAudio takes the first of them that has a device).", "LAYER"},
         {"calibrate", "Play a short probe with one and with two output channels, measure the echo's round trip "
                       "and tell whether the canceller can remove it (rewrites the recordings in $HOME)."},
     });
@@ -156,6 +161,12 @@ ParseResult parseCallOptions(const QStringList& arguments)
     o.recordFile = parser.value("record").toStdString();
     o.aecMode = parser.value("aec").toStdString();
     o.calibrate = parser.isSet("calibrate");
+    o.api = parser.value("api").toStdString();
+    // Checked here, not in validate(): --list uses the layer too.
+    if (parser.isSet("api") && o.api != "jack" && o.api != "pulseaudio" && o.api != "alsa") {
+        result.message = "--api must be jack, pulseaudio or alsa (got \"" + o.api + "\")";
+        return result;
+    }
     for (const char* callOnly : {"channels", "capture-channels", "play", "tone", "loop", "record", "duration"}) {
         if (o.calibrate && parser.isSet(callOnly)) {
             result.message = std::string("--calibrate plays its own probe with one and two output channels and one capture channel; leave out --")

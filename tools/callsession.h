@@ -20,6 +20,11 @@ namespace call {
 // well clear of clipping after the device's fixed gain.
 const double DEFAULT_TONE_DBFS = -12.0;
 
+// The device reads these when it is constructed (the sound layer) and when
+// a stream opens (the canceller's mode); the options set them for the call.
+extern const char* const API_VARIABLE;
+extern const char* const AEC_MODE_VARIABLE;
+
 // Exit statuses of the program.
 enum ExitStatus {
     EXIT_OK = 0,
@@ -42,6 +47,7 @@ struct CallOptions {
     std::string recordFile;      // empty: nothing recorded by the program
     double durationSeconds = 0;  // 0: until interrupted
     std::string aecMode;         // "standard" or "robust"; empty leaves the environment as it is
+    std::string api;             // "jack", "pulseaudio" or "alsa"; empty leaves the environment as it is
     bool calibrate = false;      // measure the echo delay instead of making a call
 };
 

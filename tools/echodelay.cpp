@@ -1,7 +1,5 @@
 #include "echodelay.h"
 
-#include <taudio2base/taudio2deviceinfo.h>
-
 #include <algorithm>
 #include <cmath>
 
@@ -18,36 +16,7 @@ const double PROBE_FADE_SECONDS = 0.01;
 // Below this a correlation peak is as likely noise or near-end sound as echo.
 const double MIN_CLARITY = 0.1;
 
-const std::string_view TOLD_DELAY_PREFIX = "Universal device buffer period=";
-const std::string_view TOLD_DELAY_KEY = ", pimpl->m_aecDelay=";
-
 } // namespace
-
-const char* const AEC_MODE_VARIABLE = "TAUDIO2_AEC";
-
-std::string effectiveAecMode(const char* value)
-{
-    return value && std::string_view(value) == "robust" ? "robust" : "standard";
-}
-
-int toldDelayFromLog(std::string_view text)
-{
-    if (text.substr(0, TOLD_DELAY_PREFIX.size()) != TOLD_DELAY_PREFIX)
-        return -1;
-    const std::size_t key = text.find(TOLD_DELAY_KEY);
-    if (key == std::string_view::npos)
-        return -1;
-    const std::string_view digits = text.substr(key + TOLD_DELAY_KEY.size());
-    if (digits.empty() || digits.size() > 9)
-        return -1;
-    int value = 0;
-    for (char c : digits) {
-        if (c < '0' || c > '9')
-            return -1;
-        value = value * 10 + (c - '0');
-    }
-    return value;
-}
 
 std::vector<int16_t> makeProbe(int rate, double leadSeconds, double probeSeconds, double tailSeconds)
 {
@@ -111,6 +80,8 @@ RoundTrip findRoundTrip(const std::vector<int16_t>& played, const std::vector<in
 
 Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode, int robustToldMs)
 {
+    if (mode == "off")
+        return Verdict::CancellerOff;
     if (roundTripMs < 0)
         return Verdict::NoEcho;
     const auto robustTakes = [roundTripMs](int told) { return roundTripMs >= told - ROBUST_EARLIEST_MS; };
@@ -133,24 +104,35 @@ const char* verdictText(Verdict verdict)
         return "will not cancel: the echo comes before the told delay; try the other channel count";
     case Verdict::NoEcho:
         return "no echo heard (is the microphone near the speaker?)";
+    case Verdict::CancellerOff:
+        return "the device runs no echo canceller for this configuration";
     }
     return "";
 }
 
-int standardToldDelay(int playbackChannels, int periodMs)
-{
-    if (playbackChannels == 2)
-        return TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
-    // The device never runs a period below 20 ms.
-    return 3 * std::max(20, periodMs);
-}
-
 std::string callRecordJson(const CallRecord& r)
 {
-    return "{\"rate\": " + std::to_string(r.rate) + ", \"period_ms\": " + std::to_string(r.periodMs)
-        + ", \"playback_channels\": " + std::to_string(r.playbackChannels) + ", \"capture_channels\": "
-        + std::to_string(r.captureChannels) + ", \"told_delay_ms\": " + std::to_string(r.toldDelayMs)
-        + ", \"aec_mode\": \"" + r.mode + "\"}\n";
+    const TAudio2UniversalDevice::StreamInfo& s = r.stream;
+    std::string json;
+    const auto add = [&json](const char* key, const std::string& value) {
+        json += (json.empty() ? "{\"" : ", \"") + std::string(key) + "\": " + value;
+    };
+    add("rate", std::to_string(r.rate));
+    add("period_ms", std::to_string(s.periodMs));
+    add("playback_channels", std::to_string(r.playbackChannels));
+    add("capture_channels", std::to_string(r.captureChannels));
+    add("told_delay_ms", std::to_string(s.toldDelayMs));
+    // Both are the device's fixed words: nothing in them needs escaping.
+    add("aec_mode", "\"" + s.echoCancellation + "\"");
+    add("sound_layer", "\"" + s.soundLayer + "\"");
+    add("card_rate_hz", std::to_string(s.cardRateHz));
+    add("granted_buffer_frames", std::to_string(s.grantedBufferFrames));
+    add("last_buffer_frames", std::to_string(s.lastBufferFrames));
+    add("frames_carried", std::to_string(s.framesCarried));
+    add("frames_lost", std::to_string(s.framesLost));
+    add("recoveries", std::to_string(s.recoveries));
+    add("ended", r.ended ? "true" : "false");
+    return json + "}\n";
 }
 
 } // namespace call

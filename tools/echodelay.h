@@ -4,21 +4,15 @@
 // the pair, and the record of a call that the report reads.
 #pragma once
 
+#include <taudio2universaldevice/taudio2universaldevice.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace tamrel {
 namespace call {
-
-// The device reads this variable when a stream opens: "robust" or "standard".
-extern const char* const AEC_MODE_VARIABLE;
-
-// The mode the device will run in for a value of AEC_MODE_VARIABLE (null:
-// unset); anything it does not know falls back to "standard", as there.
-std::string effectiveAecMode(const char* value);
 
 // The standard canceller removes echo that comes this much later than the
 // delay it is told, and little outside (README, "Echo delay").
@@ -30,10 +24,6 @@ const int AEC_WINDOW_LATEST_MS = 55;
 const int ROBUST_EARLIEST_MS = 60;
 // Robust mode is told this many periods whatever the output.
 const int ROBUST_TOLD_PERIODS = 5;
-
-// The told delay from the device's set-up log line
-// "Universal device buffer period=20, pimpl->m_aecDelay=N"; -1 for other lines.
-int toldDelayFromLog(std::string_view text);
 
 // A linear chirp with soft edges at -12 dBFS, after `leadSeconds` of
 // silence and followed by `tailSeconds` of it, so that an echo up to that
@@ -50,9 +40,10 @@ struct RoundTrip {
 // correlated, which keeps a seconds-long recording cheap.
 RoundTrip findRoundTrip(const std::vector<int16_t>& played, const std::vector<int16_t>& heard, int rate, double maxMs);
 
-enum class Verdict { Cancels, UseRobust, WillNotCancel, NoEcho };
+enum class Verdict { Cancels, UseRobust, WillNotCancel, NoEcho, CancellerOff };
 
-// What a canceller told `toldMs` makes of an echo `roundTripMs` late.
+// What a canceller in `mode` ("standard", "robust" or "off", as the device
+// reports it) told `toldMs` makes of an echo `roundTripMs` late.
 // Standard mode needs the echo inside its window. Robust mode estimates the
 // delay itself and copes with an echo later than told, or a little earlier;
 // a standard miss is worth robust mode when robust, told `robustToldMs`
@@ -60,18 +51,16 @@ enum class Verdict { Cancels, UseRobust, WillNotCancel, NoEcho };
 Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode, int robustToldMs);
 const char* verdictText(Verdict verdict);
 
-// What the device tells the canceller for a configuration in standard
-// mode: 3 periods for one output channel, the base library's constant for two.
-int standardToldDelay(int playbackChannels, int periodMs);
-
-// The configuration of a call, written beside its recordings as call.json.
+// The record of a call, written beside its recordings as call.json: what
+// the call asked for and what the device's stream query said about it.
 struct CallRecord {
     int rate = 0;
-    int periodMs = 0;
     int playbackChannels = 0;
     int captureChannels = 0;
-    int toldDelayMs = -1;   // -1: the device did not say
-    std::string mode;
+    // The stream's facts from the call's last snapshot of an open stream,
+    // its counters from the end of the call.
+    TAudio2UniversalDevice::StreamInfo stream;
+    bool ended = false;   // false: written while the call runs, the counters still grow
 };
 
 const char* const CALL_RECORD_FILE = "call.json";

@@ -11,8 +11,6 @@
 
 #include <taudio2universaldevice/taudio2universaldevice.h>
 
-#include <shared/debugstream.h>
-
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -78,37 +76,6 @@ void installStopHandlers()
     sigaction(SIGTERM, &action, nullptr);
     // A closed terminal still gets a finished recording and a summary.
     sigaction(SIGHUP, &action, nullptr);
-}
-
-// The delay the device tells its canceller, from its set-up log line: the
-// device is the authority (its mode may change the delay), so it is read,
-// not recomputed.
-std::atomic<int> ToldDelayMs{-1};
-bool ForwardDeviceLog = true;
-
-void listenForToldDelay()
-{
-    // The line is logged at level 0; a tester who silenced the device's
-    // category still gets the delay, without its lines.
-    ForwardDeviceLog = DebugStream::debugEnabled("audio2", 0);
-    if (!ForwardDeviceLog)
-        DebugStream::setLevel("audio2", 0);
-    DebugStream::setSink([](const LogRecord& r) {
-        if (r.category == "audio2") {
-            const int told = toldDelayFromLog(r.text);
-            if (told >= 0)
-                ToldDelayMs.store(told);
-            if (!ForwardDeviceLog)
-                return;
-        }
-        // As the default output would print it; runs on the audio thread too, so no allocation.
-        const int length = static_cast<int>(r.text.size());
-        if (r.severity == LogSeverity::Debug)
-            std::fprintf(stderr, "[%s debug %d] %.*s\n", r.category.c_str(), r.level, length, r.text.data());
-        else
-            std::fprintf(stderr, "[%s %s] %.*s\n", r.category.c_str(),
-                         r.severity == LogSeverity::Info ? "info" : "warning", length, r.text.data());
-    });
 }
 
 double secondsSince(Clock::time_point start)
@@ -307,6 +274,8 @@ struct CallTotals {
 
 int listDevices(TAudio2UniversalDevice& device)
 {
+    const std::string layer = device.streamInfo().soundLayer;
+    std::cout << "sound layer: " << (layer.empty() ? "none" : layer) << "\n";
     const auto all = device.devices(static_cast<TAudio2DeviceInfo::DeviceType>(
         TAudio2DeviceInfo::PLAYBACK_DEVICE | TAudio2DeviceInfo::CAPTURE_DEVICE));
     const struct {
@@ -487,17 +456,27 @@ void printSummary(const CallOptions& options, const CallTotals& totals, const Re
     std::cout << std::flush;
 }
 
-// Beside the recordings, so the report can judge the echo delay it measures.
-void writeCallRecord(const CallOptions& options)
+// Beside the recordings, so the report can judge the echo delay it measures
+// against what the device says it told its canceller.
+void writeCallRecord(const CallOptions& options, const TAudio2UniversalDevice::StreamInfo& stream, bool ended)
 {
-    const CallRecord record{options.rate,
-                            options.periodMs,
-                            options.playbackChannels,
-                            options.captureChannels,
-                            ToldDelayMs.load(),
-                            effectiveAecMode(std::getenv(AEC_MODE_VARIABLE))};
-    const std::string path = homeFile(CALL_RECORD_FILE);
-    std::ofstream(path) << callRecordJson(record);
+    const CallRecord record{options.rate, options.playbackChannels, options.captureChannels, stream, ended};
+    std::ofstream(homeFile(CALL_RECORD_FILE)) << callRecordJson(record);
+}
+
+// Closes the stream. With a record, rewrites it: the stream's facts as it
+// ran, and the counters once the device has stopped counting.
+void closeAndRecord(TAudio2UniversalDevice& device, const CallOptions& options, bool record)
+{
+    TAudio2UniversalDevice::StreamInfo stream = device.streamInfo();
+    device.closeStream();
+    if (!record)
+        return;
+    const TAudio2UniversalDevice::StreamInfo end = device.streamInfo();
+    stream.framesCarried = end.framesCarried;
+    stream.framesLost = end.framesLost;
+    stream.recoveries = end.recoveries;
+    writeCallRecord(options, stream, true);
 }
 
 int runCall(const CallOptions& options)
@@ -536,12 +515,13 @@ int runCall(const CallOptions& options)
         return fail(openFailureMessage(code, error));
     }
 
+    // Written at once too, so a call that never ends cleanly still leaves one.
     if (options.measureAec)
-        writeCallRecord(options);
+        writeCallRecord(options, device->streamInfo(), false);
 
     CallTotals totals = monitorCall(options, shared, recorder);
     // Returns once the audio thread has left the frame callback for good.
-    device->closeStream();
+    closeAndRecord(*device, options, options.measureAec);
 
     LevelMeter unusedWindow;
     std::vector<int16_t> scratch(4096 * std::max(1, options.captureChannels));
@@ -572,7 +552,7 @@ const double MAX_ROUND_TRIP_MS = 1000.0;
 
 // Plays the probe through one configuration and measures the round trip
 // in the device's own recordings, which are what its canceller sees.
-int calibrateOne(const CallOptions& options, const std::string& mode)
+int calibrateOne(const CallOptions& options)
 {
     std::string error;
     Clip probe{makeProbe(options.rate, PROBE_LEAD_SECONDS, PROBE_SECONDS, PROBE_TAIL_SECONDS), 1, options.rate};
@@ -586,17 +566,18 @@ int calibrateOne(const CallOptions& options, const std::string& mode)
         return fail(error);
     // The processed capture is of no use here: nothing goes through the ring.
     AudioShared shared(&source, options.playbackChannels, 0, 1);
-    ToldDelayMs.store(-1);
     const int code = device->openStream(toConfiguration(options), FrameHandler(&shared), &error);
     if (code != 0) {
         device->closeStream();
         return fail(openFailureMessage(code, error));
     }
-    writeCallRecord(options);
+    // The device is the authority on what its canceller is told and in which mode.
+    const TAudio2UniversalDevice::StreamInfo opened = device->streamInfo();
+    writeCallRecord(options, opened, false);
     const Clock::time_point start = Clock::now();
     while (!source.finished() && !StopRequested.load() && secondsSince(start) < seconds + STALL_SECONDS)
         std::this_thread::sleep_for(POLL_INTERVAL);
-    device->closeStream();
+    closeAndRecord(*device, options, true);
     if (StopRequested.load())
         return fail("calibration stopped", EXIT_OK);
 
@@ -609,35 +590,30 @@ int calibrateOne(const CallOptions& options, const std::string& mode)
         return fail(label + "no recording to measure: " + error);
 
     const RoundTrip trip = findRoundTrip(played.samples, heard.samples, options.rate, MAX_ROUND_TRIP_MS);
-    int told = ToldDelayMs.load();
-    std::string toldNote;
-    if (told < 0) {
-        told = standardToldDelay(options.playbackChannels, options.periodMs);
-        toldNote = " (not logged; the standard value)";
-    }
+    const int told = opened.toldDelayMs;
+    const std::string& mode = opened.echoCancellation;
     char line[160];
     if (trip.ms < 0)
         std::snprintf(line, sizeof line, "no echo found (correlation %.2f), told %d ms", trip.clarity, told);
     else
         std::snprintf(line, sizeof line, "round trip %.0f ms, told %d ms: echo %+.0f ms from the told delay", trip.ms,
                       told, trip.ms - told);
-    std::cout << label << line << toldNote << " (" << mode << " mode) -> "
+    std::cout << label << line << " (" << mode << " mode) -> "
               << verdictText(judgeEchoDelay(trip.ms, told, mode, ROBUST_TOLD_PERIODS * std::max(20, options.periodMs))) << std::endl;
     return EXIT_OK;
 }
 
 int runCalibration(const CallOptions& options)
 {
-    const std::string mode = effectiveAecMode(std::getenv(AEC_MODE_VARIABLE));
-    std::cout << "calibration at " << options.rate << " Hz, " << options.periodMs << " ms period, " << mode
-              << " mode; the standard canceller needs the echo " << AEC_WINDOW_EARLIEST_MS << " to "
+    std::cout << "calibration at " << options.rate << " Hz, " << options.periodMs
+              << " ms period; the standard canceller needs the echo " << AEC_WINDOW_EARLIEST_MS << " to "
               << AEC_WINDOW_LATEST_MS << " ms after the told delay" << std::endl;
     for (int channels : {1, 2}) {
         CallOptions probeCall = options;
         probeCall.playbackChannels = channels;
         probeCall.captureChannels = 1;
         probeCall.measureAec = true;
-        const int status = calibrateOne(probeCall, mode);
+        const int status = calibrateOne(probeCall);
         if (status != EXIT_OK || StopRequested.load())
             return status;
     }
@@ -667,13 +643,15 @@ int main(int argc, char** argv)
         break;
     }
 
+    // Before any device exists: the device reads the layer when constructed.
+    if (!parsed.options.api.empty())
+        setenv(API_VARIABLE, parsed.options.api.c_str(), 1);
     if (parsed.options.list) {
         auto device = boost::make_shared<TAudio2UniversalDevice>(TAudio2UniversalDevice::DEFAULT_SAMPLE_RATE);
         return listDevices(*device);
     }
     if (!parsed.options.aecMode.empty())
         setenv(AEC_MODE_VARIABLE, parsed.options.aecMode.c_str(), 1);
-    listenForToldDelay();
     installStopHandlers();
     return parsed.options.calibrate ? runCalibration(parsed.options) : runCall(parsed.options);
 }
