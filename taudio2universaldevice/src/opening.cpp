@@ -354,16 +354,21 @@ int TAudio2UniversalDevice_p::openSoundLayer(const TAudio2StreamConfiguration& c
         options.priority = 2;
     }
 
+    // RtAudio writes the buffer size it grants back; it is stored under the
+    // lock that readers of the stream's facts take.
+    unsigned bufferFrames = m_bufferFrames;
     try {
         debug("audio2", 0, false) << "In universal device before open stream";
         const boost::lock_guard<boost::mutex> openLock(SoundLayerMutex);
         m_rtAudio.openStream(&outputParameters, withCapture ? &inputParameters : nullptr, RTAUDIO_SINT16,
-                             m_deviceSampleRate, &m_bufferFrames, &rtAudioCallBack, &m_id, &options, &rtAudioError);
+                             m_deviceSampleRate, &bufferFrames, &rtAudioCallBack, &m_id, &options, &rtAudioError);
         debug("audio2", 0, false) << "In universal device after open stream";
     } catch (const RtAudioError& e) {
         errorText = e.getMessage();
         return -4;
     }
+    boost::lock_guard<boost::mutex> lock(m_mutex);
+    m_bufferFrames = bufferFrames;
     return 0;
 }
 

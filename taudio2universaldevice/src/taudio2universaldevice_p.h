@@ -84,7 +84,7 @@ public:
     RtAudio m_rtAudio;
     uint32_t m_deviceSampleRate;
     uint32_t m_sampleRate;
-    unsigned int m_bufferFrames;   // RtAudio writes the granted size back through its address
+    unsigned int m_bufferFrames;   // asked of the sound layer, then what it granted; written under m_mutex
     unsigned int m_id;             // its address is the sound layer's user pointer
     boost::shared_ptr<Resampler> m_captureResampler;
     boost::shared_ptr<Resampler> m_playbackResampler;

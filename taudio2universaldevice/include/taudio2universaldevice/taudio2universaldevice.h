@@ -39,12 +39,32 @@ class TAudio2UniversalDevice_p;
 //   unset or "standard"  the canceller trusts the delay it is told:
 //            3 x the period on a one-channel output, UNIVERSAL_DEVICE_DELAY
 //            (libtaudio2base) on a two-channel one. It cancels only where
-//            the server's round trip fits that delay (two channels on
-//            PulseAudio; not on PipeWire, not one channel on PulseAudio).
+//            the server's round trip fits that delay (see the README).
 //   "robust" webrtc's extended filter and delay-agnostic estimation, told
-//            5 x the period whatever the output: cancels on PulseAudio and
-//            PipeWire with one or two output channels (see the README).
+//            5 x the period whatever the output.
 //   other    one warning line naming the value, then "standard".
+//
+// Sound layer: read from the environment variable TAUDIO2_API when the
+// device is constructed: "jack", "pulseaudio" or "alsa". Unset, RtAudio
+// takes the first layer that has a device, in the order JACK, PulseAudio,
+// ALSA: JACK whenever a JACK server answers, which PipeWire's JACK library
+// always does. Another value: one warning line naming it, then the default.
+//
+// Buffers: the sound layer may hand out buffers of any size, and change it
+// between buffers (JACK and PipeWire follow their server's period). Frames
+// that do not fill a whole period wait for the next buffer, so nothing is
+// lost; when buffers are not whole periods the playback runs one period
+// behind, otherwise nothing is added. A buffer of 200 ms or more is dropped
+// (played as silence): the stream stalled and catches up.
+//
+// Recovery: while a stream is open, a thread of the device watches that
+// the sound layer delivers. When it stops for good (a server that died or
+// restarted, a JACK period change RtAudio cannot follow, a device that
+// vanished) the frame callback is no longer called, and the stream is
+// reopened with the same configuration and callback, retried every 100 to
+// 500 ms until the server is back or closeStream() is called. The client
+// sees a gap, never an error; the recordings go on in the same files; one
+// warning line says the stream was lost and one that it came back.
 //
 // Configurations that openStream() refuses with -2, before the sound layer
 // is asked anything or the device is registered; *error names the field and
@@ -78,7 +98,7 @@ public:
         STREAM_OPENED = 0,
         DEVICE_QUERY_FAILED = -1,   // the sound layer failed a device query (*error)
         CONFIGURATION_REFUSED = -2, // a configuration that cannot run, see above (*error)
-        NO_COMMON_RATE = -3,        // neither 48000, 16000 nor 8000 Hz suits both devices
+        NO_COMMON_RATE = -3,        // the two devices share no rate at all
         OPEN_REFUSED = -4,          // the sound layer would not open the stream, a stream is
                                     // already open, or the voice chain failed (*error)
         START_FAILED = -5,          // the stream opened but would not start (*error)
@@ -117,9 +137,11 @@ public:
     // Opens and starts one duplex stream of 16-bit samples; returns an
     // OpenResult. Devices are the configuration's names, matched exactly; an
     // empty name, and also a name no device carries, opens the system's
-    // default. The card runs at 48000, 16000 or 8000 Hz (first both devices
-    // support) and the client's samples are converted to and from
-    // configuration.sampleRate.
+    // default. The card runs at 48000, 16000 or 8000 Hz, the first both
+    // devices support, or else at the highest rate both support (44100 Hz on
+    // a JACK server at that rate); the client's samples are converted to and
+    // from configuration.sampleRate. Client thread; a failure leaves no
+    // stream open and the device as it was before the call.
     //
     // Voice processing works at client rates of 8000, 16000, 32000 and 48000
     // Hz only; at any other rate (44100 Hz, say) every block is refused and
@@ -131,19 +153,25 @@ public:
     // capture holds the processed capture at the client's rate (null when
     // the configuration asks for no capture); the callback fills all of
     // playback with playbackChannels interleaved channels. Returning false
-    // abandons the rest of the current hardware buffer. It must not allocate,
-    // block, or call back into the device: closeStream() from inside it
-    // hangs. The hardware buffer is never shorter than 20 ms, so shorter
-    // periods arrive in bursts (10 ms periods in pairs), and the first
-    // buffers of a stream may pass before the callback is in place.
+    // abandons the rest of the current hardware buffer: that period and the
+    // buffer's other whole periods are played as silence. It must not
+    // allocate, block, or call back into the device: closeStream() or
+    // streamInfo() from inside it hangs. The device asks for hardware
+    // buffers of 20 ms or more, so shorter periods arrive in bursts (10 ms
+    // periods in pairs), as do periods inside a server's longer buffers; the
+    // first buffers of a stream may pass before the callback is in place.
     //
-    // One stream per device: a second openStream() without closeStream() is
-    // not checked and must not be made.
+    // One stream per device: a second openStream() without closeStream()
+    // returns -4 ("a stream is already open") and leaves the running stream
+    // alone.
     int openStream(const TAudio2StreamConfiguration& configuration,
                    TAudio2FrameCallback callback,
                    std::string* error) override;
-    // Stops the stream and waits for a running callback to finish; harmless
-    // without a stream. The device can be opened again.
+    // Stops the stream, ends a recovery in progress and waits for a running
+    // callback to finish; harmless without a stream. A stream that is
+    // delivering is drained; one that stopped delivering, and any JACK
+    // stream, is aborted, so that the call returns within a second whatever
+    // the sound layer does. Client thread. The device can be opened again.
     void closeStream() override;
     bool hasVoicePreprocessor() const override;
     void reset() override;
