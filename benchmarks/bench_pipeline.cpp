@@ -77,57 +77,87 @@ struct Run {
     double erleDb = 0;
 };
 
-// One process step: the 48 kHz input heard, the output to play, the
-// client's processed capture and the far end it hands over.
-using Step = std::function<void(const int16_t*, int16_t*, int16_t*, const int16_t*)>;
+// The far end the client hands over, period by period, and what is left
+// of the echo in the processed capture it gets back.
+struct Talk {
+    const std::vector<int16_t>& speech;
+    size_t cursor = 0;
+    bool measuring = false;
+    double left = 0;
+    long measuredSamples = 0;
 
-// Plays `buffers` buffers of far-end speech through `step` in the room.
-Run runCall(const std::vector<int16_t>& speech, int buffers, const Step& step)
+    void farEnd(int16_t* playback)
+    {
+        if (cursor + CLIENT_FRAMES > speech.size())
+            cursor = 0;
+        std::copy_n(speech.begin() + static_cast<long>(cursor), CLIENT_FRAMES, playback);
+        cursor += CLIENT_FRAMES;
+    }
+    void processed(const int16_t* capture, int samples)
+    {
+        if (!measuring)
+            return;
+        for (int i = 0; i < samples; ++i)
+            left += double(capture[i]) * capture[i];
+        measuredSamples += samples;
+    }
+};
+
+// One process step: the 48 kHz input heard and the output to play, `frames` each.
+using Step = std::function<void(const int16_t*, int16_t*, int, Talk&)>;
+
+// Plays `seconds` of far-end speech through `step` in the room, in buffers
+// of `cardFrames`; the cost is per 20 ms of audio.
+Run runCall(const std::vector<int16_t>& speech, double seconds, int cardFrames, const Step& step)
 {
     const size_t echo = static_cast<size_t>(ECHO_MS) * 48;
-    std::vector<int16_t> played(static_cast<size_t>(buffers) * CARD_FRAMES + echo, 0);
-    std::vector<int16_t> input(CARD_FRAMES), output(CARD_FRAMES), processed(CLIENT_FRAMES), farEnd(CLIENT_FRAMES);
+    const int buffers = static_cast<int>(seconds * 48000 / cardFrames);
+    const int settle = SETTLE_BUFFERS * CARD_FRAMES / cardFrames;
+    std::vector<int16_t> played(static_cast<size_t>(buffers) * cardFrames + echo, 0);
+    std::vector<int16_t> input(cardFrames), output(cardFrames);
+    Talk talk{speech};
     uint32_t noise = 12345;
-    double cpu = 0, heard = 0, left = 0;
-    long allocations = 0;
+    double cpu = 0, heard = 0;
+    long allocations = 0, measuredFrames = 0;
     for (int b = 0; b < buffers; ++b) {
-        const size_t start = static_cast<size_t>(b) * CARD_FRAMES;
-        for (int i = 0; i < CARD_FRAMES; ++i) {
+        const size_t start = static_cast<size_t>(b) * cardFrames;
+        for (int i = 0; i < cardFrames; ++i) {
             noise = noise * 1664525u + 1013904223u;
             const size_t t = start + i;
             const int echoSample = t >= echo ? played[t - echo] / 2 : 0;
             input[i] = static_cast<int16_t>(echoSample + static_cast<int>(noise >> 28) - 8);
         }
-        const size_t from = (static_cast<size_t>(b) * CLIENT_FRAMES) % (speech.size() - CLIENT_FRAMES);
-        std::copy_n(speech.begin() + static_cast<long>(from), CLIENT_FRAMES, farEnd.begin());
-
+        talk.measuring = b >= settle;
         const long allocationsBefore = Allocations.load(std::memory_order_relaxed);
         const double before = threadCpuMicros();
-        step(input.data(), output.data(), processed.data(), farEnd.data());
+        step(input.data(), output.data(), cardFrames, talk);
         const double spent = threadCpuMicros() - before;
-        if (b >= SETTLE_BUFFERS) {
+        if (talk.measuring) {
             cpu += spent;
             allocations += Allocations.load(std::memory_order_relaxed) - allocationsBefore;
-            for (int i = 0; i < CARD_FRAMES; ++i)
-                heard += double(input[i]) * input[i] / CARD_FRAMES;
-            for (int i = 0; i < CLIENT_FRAMES; ++i)
-                left += double(processed[i]) * processed[i] / CLIENT_FRAMES;
+            for (int i = 0; i < cardFrames; ++i)
+                heard += double(input[i]) * input[i];
+            measuredFrames += cardFrames;
         }
         std::copy(output.begin(), output.end(), played.begin() + static_cast<long>(start));
     }
-    const int measured = buffers - SETTLE_BUFFERS;
-    return Run{cpu / measured, double(allocations) / measured, 10.0 * std::log10(heard / std::max(left, 1.0))};
+    const double perPeriod = double(CARD_FRAMES) / measuredFrames;
+    const double left = talk.left / std::max(1L, talk.measuredSamples);
+    return Run{cpu * perPeriod, allocations * perPeriod, 10.0 * std::log10(heard / measuredFrames / std::max(left, 1.0))};
 }
 
-Run bareCall(const std::vector<int16_t>& speech, int buffers, bool robust)
+Run bareCall(const std::vector<int16_t>& speech, double seconds, bool robust)
 {
     bench::BareReference bare(robust, robust ? ROBUST_TOLD_MS : TOLD_MS);
-    return runCall(speech, buffers, [&](const int16_t* in, int16_t* out, int16_t* processed, const int16_t* far) {
-        bare.process(in, out, processed, far);
+    std::vector<int16_t> processed(CLIENT_FRAMES), far(CLIENT_FRAMES);
+    return runCall(speech, seconds, CARD_FRAMES, [&](const int16_t* in, int16_t* out, int, Talk& talk) {
+        talk.farEnd(far.data());
+        bare.process(in, out, processed.data(), far.data());
+        talk.processed(processed.data(), CLIENT_FRAMES);
     });
 }
 
-Run deviceCall(const std::vector<int16_t>& speech, int buffers, bool robust)
+Run deviceCall(const std::vector<int16_t>& speech, double seconds, bool robust, int cardFrames)
 {
     // The mode is read when the stream opens.
     if (robust)
@@ -147,21 +177,19 @@ Run deviceCall(const std::vector<int16_t>& speech, int buffers, bool robust)
 
     auto device = boost::make_shared<tamrel::TAudio2UniversalDevice>(16000);
     tamrel::TAudio2StreamConfiguration conf;   // 16 kHz, 20 ms, one channel each way
-    int16_t* processedOut = nullptr;
-    const int16_t* farIn = nullptr;
-    const tamrel::TAudio2FrameCallback client = [&](const char* capture, int captureBytes, char* playback, int bytes, int) {
-        std::memcpy(processedOut, capture, static_cast<size_t>(std::min(captureBytes, CLIENT_FRAMES * 2)));
-        std::memcpy(playback, farIn, static_cast<size_t>(bytes));
+    Talk* current = nullptr;
+    const tamrel::TAudio2FrameCallback client = [&](const char* capture, int captureBytes, char* playback, int, int) {
+        current->processed(reinterpret_cast<const int16_t*>(capture), std::min(captureBytes / 2, CLIENT_FRAMES));
+        current->farEnd(reinterpret_cast<int16_t*>(playback));
         return true;
     };
     if (device->openStream(conf, client, nullptr) != 0) {
         std::fprintf(stderr, "bench_pipeline: the device did not open on the fake card\n");
         std::exit(1);
     }
-    const Run run = runCall(speech, buffers, [&](const int16_t* in, int16_t* out, int16_t* processed, const int16_t* far) {
-        processedOut = processed;
-        farIn = far;
-        fakecard::deliver(out, const_cast<int16_t*>(in), CARD_FRAMES);
+    const Run run = runCall(speech, seconds, cardFrames, [&](const int16_t* in, int16_t* out, int frames, Talk& talk) {
+        current = &talk;
+        fakecard::deliver(out, const_cast<int16_t*>(in), static_cast<unsigned>(frames));
     });
     device->closeStream();
     return run;
@@ -192,24 +220,31 @@ int main(int argc, char** argv)
     // Silences the device's set-up lines; the table is the output.
     setenv("TAMREL_LOG", "audio2=-1", 1);
     const std::vector<int16_t> speech = readSpeech(speechPath);
-    const int buffers = static_cast<int>(seconds * 50);
 
+    // A 1024-frame buffer is not a whole number of periods: the FIFOs carry
+    // the rest over, which the 960-frame rows never need.
     struct Variant {
         const char* name;
         bool device;
         bool robust;
+        int cardFrames;
         std::vector<Run> runs;
-    } variants[] = {{"bare, standard", false, false, {}}, {"device, standard", true, false, {}},
-                    {"bare, robust", false, true, {}}, {"device, robust", true, true, {}}};
+    } variants[] = {{"bare, standard", false, false, CARD_FRAMES, {}},
+                    {"device, standard", true, false, CARD_FRAMES, {}},
+                    {"device, standard, 1024-frame buffers", true, false, 1024, {}},
+                    {"bare, robust", false, true, CARD_FRAMES, {}},
+                    {"device, robust", true, true, CARD_FRAMES, {}},
+                    {"device, robust, 1024-frame buffers", true, true, 1024, {}}};
     // Interleaved, so that a busy moment of the machine hits every variant alike.
     for (int r = 0; r < rounds; ++r)
         for (Variant& v : variants)
-            v.runs.push_back(v.device ? deviceCall(speech, buffers, v.robust) : bareCall(speech, buffers, v.robust));
+            v.runs.push_back(v.device ? deviceCall(speech, seconds, v.robust, v.cardFrames)
+                                      : bareCall(speech, seconds, v.robust));
 
-    std::printf("Per 20 ms buffer, 48 kHz card, 16 kHz client, one output channel (told %d ms, robust %d ms), echo %d ms later, "
-                "median of %d interleaved runs of %.0f s:\n\n",
+    std::printf("Per 20 ms of audio, 48 kHz card, 16 kHz client, one output channel (told %d ms, robust %d ms), echo %d ms "
+                "later, median of %d interleaved runs of %.0f s:\n\n",
                 TOLD_MS, ROBUST_TOLD_MS, ECHO_MS, rounds, seconds);
-    std::printf("| pipeline | CPU µs per buffer | device / bare | allocations per buffer | echo removed (dB) |\n");
+    std::printf("| pipeline | CPU µs per 20 ms | device / bare | allocations per 20 ms | echo removed (dB) |\n");
     std::printf("|---|---|---|---|---|\n");
     const auto medianOf = [](const Variant& v, double Run::*field) {
         std::vector<double> values;
@@ -221,13 +256,13 @@ int main(int argc, char** argv)
         char ratio[16] = "";
         if (v.device)
             std::snprintf(ratio, sizeof ratio, "%.2f",
-                          medianOf(v, &Run::microsPerBuffer) / medianOf(variants[v.robust ? 2 : 0], &Run::microsPerBuffer));
+                          medianOf(v, &Run::microsPerBuffer) / medianOf(variants[v.robust ? 3 : 0], &Run::microsPerBuffer));
         std::printf("| %s | %.1f | %s | %.2f | %.1f |\n", v.name, medianOf(v, &Run::microsPerBuffer), ratio,
                     medianOf(v, &Run::allocationsPerBuffer), medianOf(v, &Run::erleDb));
     }
     std::printf("\nrobust / standard: bare %.2f, device %.2f\n",
-                medianOf(variants[2], &Run::microsPerBuffer) / medianOf(variants[0], &Run::microsPerBuffer),
-                medianOf(variants[3], &Run::microsPerBuffer) / medianOf(variants[1], &Run::microsPerBuffer));
+                medianOf(variants[3], &Run::microsPerBuffer) / medianOf(variants[0], &Run::microsPerBuffer),
+                medianOf(variants[4], &Run::microsPerBuffer) / medianOf(variants[1], &Run::microsPerBuffer));
     for (const Variant& v : variants) {
         for (const Run& run : v.runs) {
             if (v.device && run.allocationsPerBuffer > 0) {
