@@ -323,3 +323,32 @@ TEST_F(Opening, FailureCodesMessagesAndWhatRemains)
     // A null error pointer is fine on every path.
     EXPECT_EQ(dev->openStream(config(), counting(), nullptr), -5);
 }
+
+// TAUDIO2_API picks the sound layer when a device is made; anything else
+// is said once and leaves RtAudio its own choice.
+TEST_F(Opening, SoundLayerFromTheEnvironment)
+{
+    const struct {
+        const char* value;
+        RtAudio::Api api;
+        bool warned;
+    } rows[] = {{nullptr, RtAudio::UNSPECIFIED, false},
+                {"jack", RtAudio::UNIX_JACK, false},
+                {"pulseaudio", RtAudio::LINUX_PULSE, false},
+                {"alsa", RtAudio::LINUX_ALSA, false},
+                {"oss", RtAudio::UNSPECIFIED, true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.value ? row.value : "unset");
+        if (row.value)
+            setenv("TAUDIO2_API", row.value, 1);
+        else
+            unsetenv("TAUDIO2_API");
+        log.clear();
+        makeDevice();
+        EXPECT_EQ(fakecard::card().requestedApi, row.api);
+        EXPECT_EQ(log.has(std::string("TAUDIO2_API=") + (row.value ? row.value : "") +
+                          " is not a sound layer (jack, pulseaudio, alsa); using the default"),
+                  row.warned);
+    }
+    unsetenv("TAUDIO2_API");
+}

@@ -36,10 +36,6 @@ int64_t nowMs()
 
 } // namespace
 
-// Errors the sound layer reported off any stream's thread (JACK refusing
-// the buffers of a stream that never got one, say); see registry.cpp.
-extern std::atomic<uint64_t> UnattributedSoundLayerErrors;
-
 void TAudio2UniversalDevice_p::startSupervisor()
 {
     {

@@ -179,6 +179,11 @@ extern unsigned DevicesIndexInc;
 // held together with DevicesMutex or a device's m_mutex.
 extern boost::mutex SoundLayerMutex;
 
+// Errors the sound layer reported off any stream's thread (JACK refusing
+// the buffers of a stream that never got one, say): a silent stream's
+// supervisor takes them as its own.
+extern std::atomic<uint64_t> UnattributedSoundLayerErrors;
+
 int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, double streamTime, unsigned status,
                     void* userData);
 void rtAudioError(RtAudioError::Type type, const std::string& errorText);

@@ -210,7 +210,10 @@ private:
 
 // The parts of RtAudio's interface that are not inline in its header.
 
-RtAudio::RtAudio(RtAudio::Api) : rtapi_(new fakecard::FakeApi()) {}
+RtAudio::RtAudio(RtAudio::Api api) : rtapi_(new fakecard::FakeApi())
+{
+    fakecard::card().requestedApi = api;
+}
 
 RtAudio::~RtAudio()
 {

@@ -65,6 +65,7 @@ struct Card {
     bool stopWaitsForCallback = false;
 
     Opened opened;
+    RtAudio::Api requestedApi = RtAudio::UNSPECIFIED;   // what the last RtAudio was made for
     std::map<Call, int> calls;
     bool streamOpen = false;
     bool streamRunning = false;
