@@ -99,26 +99,33 @@ int TAudio2UniversalDevice_p::rtAudioCallback(void* outputBuffer, void* inputBuf
     if (m_callback.empty())
         boost::throw_exception(boost::bad_function_call());
 
-    const int16_t* input = static_cast<const int16_t*>(inputBuffer);
-    const size_t captureSamples = static_cast<size_t>(nFrames) * m_captureChannels;
-    if (input && m_captureChannels != 0) {
+    const uint32_t chunk = m_deviceChunkFrames;
+    const int16_t* input = m_captureChannels != 0 ? static_cast<const int16_t*>(inputBuffer) : nullptr;
+    // Whole periods with nothing carried go straight from the card's input
+    // to its output, exactly as if there were no FIFOs.
+    const bool direct = chunk > 0 && nFrames % chunk == 0 && m_pendingFrames == 0 && m_playbackFifo.empty();
+    m_directOutput = direct ? output : nullptr;
+    if (direct) {
+        m_captureFifo.clear();
+    } else if (input) {
         // Frames that came without capture are heard as silence.
         const size_t owed = static_cast<size_t>(m_pendingFrames) * m_captureChannels;
         if (m_captureFifo.size() < owed)
             m_captureFifo.insert(m_captureFifo.begin(), owed - m_captureFifo.size(), int16_t(0));
-        m_captureFifo.insert(m_captureFifo.end(), input, input + captureSamples);
+        m_captureFifo.insert(m_captureFifo.end(), input, input + static_cast<size_t>(nFrames) * m_captureChannels);
     } else {
         m_captureFifo.clear();
-        input = nullptr;
     }
     m_pendingFrames += nFrames;
 
-    const uint32_t chunk = m_deviceChunkFrames;
     const size_t chunkSamples = static_cast<size_t>(chunk) * m_captureChannels;
     int result = 0;
     while (chunk > 0 && m_pendingFrames >= chunk) {
         const int16_t* captured = nullptr;
-        if (input) {
+        if (input && direct) {
+            captured = input;
+            input += chunkSamples;
+        } else if (input) {
             std::copy_n(m_captureFifo.begin(), chunkSamples, m_captureChunk.begin());
             m_captureFifo.erase_begin(chunkSamples);
             captured = m_captureChunk.data();
@@ -128,14 +135,14 @@ int TAudio2UniversalDevice_p::rtAudioCallback(void* outputBuffer, void* inputBuf
         // periods are played as silence.
         if (result != 0) {
             if (output)
-                pushSilence(chunk);
+                emitPlayback(nullptr);
             m_framesLost.fetch_add(chunk, std::memory_order_relaxed);
         } else if (!processChunk(captured, output != nullptr)) {
             result = -1;
         }
     }
 
-    if (output) {
+    if (output && !direct) {
         const uint32_t channels = m_playbackChannels;
         const uint32_t queued = static_cast<uint32_t>(m_playbackFifo.size() / channels);
         // The first buffer that is not a whole number of periods finds the
@@ -155,13 +162,26 @@ int TAudio2UniversalDevice_p::rtAudioCallback(void* outputBuffer, void* inputBuf
     return result;
 }
 
-void TAudio2UniversalDevice_p::pushSilence(uint32_t frames)
+// One period of playback at the card's rate, or silence for null: to the
+// card's buffer directly, or to the playback FIFO.
+void TAudio2UniversalDevice_p::emitPlayback(const int16_t* samples)
 {
-    m_playbackFifo.insert(m_playbackFifo.end(), static_cast<size_t>(frames) * m_playbackChannels, int16_t(0));
+    const size_t count = static_cast<size_t>(m_deviceChunkFrames) * m_playbackChannels;
+    if (m_directOutput) {
+        if (samples)
+            std::copy_n(samples, count, m_directOutput);
+        else
+            std::fill_n(m_directOutput, count, int16_t(0));
+        m_directOutput += count;
+    } else if (samples) {
+        m_playbackFifo.insert(m_playbackFifo.end(), samples, samples + count);
+    } else {
+        m_playbackFifo.insert(m_playbackFifo.end(), count, int16_t(0));
+    }
 }
 
 // One period: captured holds it at the card's rate (null without capture);
-// its playback goes to the playback FIFO when there is an output. False
+// its playback goes to the card when there is an output. False
 // when the client's callback failed it (its playback is then silence).
 bool TAudio2UniversalDevice_p::processChunk(const int16_t* captured, bool hasOutput)
 {
@@ -211,7 +231,7 @@ bool TAudio2UniversalDevice_p::processChunk(const int16_t* captured, bool hasOut
         debug("audio2", 8, false) << "TAudio2UniversalDevice_p::rtAudioCallback callback failed playbackBuffer="
                                   << static_cast<void*>(m_playbackBuffer.data()) << " playbackSize=" << playbackBytes;
         if (hasOutput)
-            pushSilence(m_deviceChunkFrames);
+            emitPlayback(nullptr);
         return false;
     }
     debug("audio2", 8, false) << "TAudio2UniversalDevice_p::rtAudioCallback callback processed playbackBuffer="
@@ -262,8 +282,7 @@ bool TAudio2UniversalDevice_p::processChunk(const int16_t* captured, bool hasOut
                                   m_resampledPlayback.size() / 2, produced);
         source = reinterpret_cast<const int16_t*>(m_resampledPlayback.data());
     }
-    m_playbackFifo.insert(m_playbackFifo.end(), source,
-                          source + static_cast<size_t>(m_deviceChunkFrames) * m_playbackChannels);
+    emitPlayback(source);
     return true;
 }
 

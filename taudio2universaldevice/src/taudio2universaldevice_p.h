@@ -76,7 +76,7 @@ public:
 
     // Pipeline steps (pipeline.cpp), under m_mutex on the audio thread.
     bool processChunk(const int16_t* captured, bool hasOutput);
-    void pushSilence(uint32_t frames);
+    void emitPlayback(const int16_t* samples);
 
     boost::function<bool(const char*, int, char*, int, int)> m_callback;
     boost::weak_ptr<TAudio2Device> m_device;
@@ -137,6 +137,7 @@ public:
     boost::circular_buffer<int16_t> m_playbackFifo;   // m_playbackChannels interleaved
     std::vector<int16_t> m_captureChunk;              // one period, contiguous for the pipeline
     uint32_t m_pendingFrames;                         // captured frames short of a whole period
+    int16_t* m_directOutput;                          // the card's buffer, when periods bypass the FIFOs
     uint32_t m_playbackLagFrames;
 
     // Written on the audio thread, read anywhere.
