@@ -5,9 +5,13 @@
 # gives a tree that works wherever DIR is.
 include(CMakePackageConfigHelpers)
 
-# Each library finds its siblings beside itself (a client's own run path
-# does not cover the dependencies of the libraries it loads).
-set_target_properties(shared taudio2base taudio2universaldev PROPERTIES INSTALL_RPATH "$ORIGIN")
+# Run paths: the device library finds taudio2base beside itself (a client's
+# own run path does not cover the dependencies of the libraries it loads);
+# it and taudio2call find libshared in its private directory.
+file(RELATIVE_PATH lib_to_private /prefix/${CMAKE_INSTALL_LIBDIR} /prefix/${TAUDIO2_PRIVATE_LIBDIR})
+file(RELATIVE_PATH bin_to_private /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${TAUDIO2_PRIVATE_LIBDIR})
+set_target_properties(taudio2universaldev PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/${lib_to_private}")
+set_property(TARGET taudio2call APPEND PROPERTY INSTALL_RPATH "$ORIGIN/${bin_to_private}")
 
 set(TAUDIO2_DATADIR ${CMAKE_INSTALL_DATADIR}/taudio2)
 install(PROGRAMS tools/aec_report.py scripts/virtual-room.sh DESTINATION ${TAUDIO2_DATADIR})
