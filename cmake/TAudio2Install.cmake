@@ -1,6 +1,6 @@
 # Installation into any prefix: run paths relative to the binaries, the
-# helper scripts with launchers on the path, a CMake package, pkg-config
-# files, and Debian packages through CPack ("cpack" in the build tree).
+# helper scripts with launchers on the path, manual pages, a CMake package,
+# pkg-config files, and Debian packages through CPack ("cpack" in the build tree).
 # Everything here is relocatable: `cmake --install build --prefix DIR`
 # gives a tree that works wherever DIR is.
 include(CMakePackageConfigHelpers)
@@ -26,6 +26,8 @@ foreach(launcher taudio2-aec-report:aec_report.py taudio2-virtual-room:virtual-r
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/launchers/${name} DESTINATION ${CMAKE_INSTALL_BINDIR})
 endforeach()
 install(FILES LICENSE README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES man/taudio2call.1 man/taudio2-aec-report.1 man/taudio2-virtual-room.1
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 set(TAUDIO2_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/TAudio2)
 install(EXPORT TAudio2Targets NAMESPACE TAudio2:: DESTINATION ${TAUDIO2_CMAKEDIR} COMPONENT development)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # What a client gets from an install, checked from a built tree:
 #   tests/consumers/check_install.sh BUILD_DIR
-# installs into a temporary prefix, builds two clients against it (CMake's
+# installs into a temporary prefix (every program starts and has a manual
+# page naming each option of its --help), builds two clients against it (CMake's
 # find_package; g++ with pkg-config, on the README's example), runs one with
 # nothing but the prefix (a device list, then a short call in a private
 # virtual room started by the installed launcher), and builds the Debian
@@ -21,13 +22,29 @@ trap cleanup EXIT
 # Nothing from the build environment may help the clients find the libraries.
 unset LD_LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
 
+# Every program in DIR/bin starts and has a manual page in DIR/share/man/man1
+# that names each option its --help names.
+check_programs() {
+  local dir=$1 program name page option
+  for program in "$dir"/bin/*; do
+    name=$(basename "$program")
+    page="$dir/share/man/man1/$name.1.gz"
+    [ -e "$page" ] || page="$dir/share/man/man1/$name.1"
+    [ -e "$page" ] || { echo "$name has no manual page" >&2; return 1; }
+    "$program" --help > "$work/help.txt"
+    zcat -f "$page" | sed 's/\\-/-/g' > "$work/page.txt"
+    for option in $(grep -oE -- '--[a-z][a-z-]+' "$work/help.txt" | sort -u); do
+      grep -qF -- "$option" "$work/page.txt" || { echo "the manual page of $name lacks $option" >&2; return 1; }
+    done
+  done
+  echo "   $(cd "$dir/bin" && echo *): start, and their manual pages name every option of --help"
+}
+
 echo "-- install into a temporary prefix"
 cmake --install "$build" --prefix "$prefix" > /dev/null
 (cd "$prefix" && find . -mindepth 1 \( -type f -o -type l \) | sort | sed 's|^\./|   |')
 libdir=$(ls -d "$prefix"/lib*/pkgconfig | head -n 1 | xargs dirname)
-"$prefix/bin/taudio2call" --help > /dev/null
-"$prefix/bin/taudio2-aec-report" --help > /dev/null
-echo "   taudio2call and taudio2-aec-report start from the prefix"
+check_programs "$prefix"
 
 echo "-- consumer 1: CMake find_package(TAudio2)"
 cmake -S "$root/tests/consumers/cmake" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
