@@ -24,7 +24,7 @@ for variant in plain sanitize; do
   ctest --test-dir "$dir" --output-on-failure --timeout 900 --output-log "$dir/ctest.log"
   echo "== $variant measurements"
   grep -E '^(echo delay|real server:|fuzz:)' "$dir/Testing/Temporary/LastTest.log" || true
-  # What a client gets from an install: a prefix, two out-of-tree clients, the .debs.
+  # What a client gets from an install: a prefix and the .debs, two out-of-tree clients.
   if [ "$variant" = plain ]; then
     echo "== plain install, clients and Debian packages"
     start=$SECONDS
