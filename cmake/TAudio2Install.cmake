@@ -1,13 +1,21 @@
 # Installation into any prefix: run paths relative to the binaries, the
-# helper scripts with launchers on the path, a CMake package, pkg-config
-# files, and Debian packages through CPack ("cpack" in the build tree).
-# Everything here is relocatable: `cmake --install build --prefix DIR`
-# gives a tree that works wherever DIR is.
+# helper scripts with launchers on the path, manual pages, a CMake package
+# and pkg-config files. Everything here is relocatable: `cmake --install
+# build --prefix DIR` gives a tree that works wherever DIR is. The Debian
+# packages are built from debian/ with dpkg-buildpackage.
 include(CMakePackageConfigHelpers)
 
-# Each library finds its siblings beside itself (a client's own run path
-# does not cover the dependencies of the libraries it loads).
-set_target_properties(shared taudio2base taudio2universaldev PROPERTIES INSTALL_RPATH "$ORIGIN")
+# Run paths: the device library finds taudio2base beside itself (a client's
+# own run path does not cover the dependencies of the libraries it loads);
+# it and taudio2call find libshared in its private directory.
+file(RELATIVE_PATH lib_to_private /prefix/${CMAKE_INSTALL_LIBDIR} /prefix/${TAUDIO2_PRIVATE_LIBDIR})
+file(RELATIVE_PATH bin_to_private /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${TAUDIO2_PRIVATE_LIBDIR})
+set_target_properties(taudio2universaldev PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/${lib_to_private}")
+set_property(TARGET taudio2call APPEND PROPERTY INSTALL_RPATH "$ORIGIN/${bin_to_private}")
+# taudio2base calls nothing in libc itself, so --as-needed would drop it; a
+# shared library names the C library all the same (Debian checks it, and its
+# static destructors run through libc's __cxa_finalize when it is unloaded).
+target_link_libraries(taudio2base PRIVATE -Wl,--push-state,--no-as-needed,-lc,--pop-state)
 
 set(TAUDIO2_DATADIR ${CMAKE_INSTALL_DATADIR}/taudio2)
 install(PROGRAMS tools/aec_report.py scripts/virtual-room.sh DESTINATION ${TAUDIO2_DATADIR})
@@ -22,6 +30,8 @@ foreach(launcher taudio2-aec-report:aec_report.py taudio2-virtual-room:virtual-r
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/launchers/${name} DESTINATION ${CMAKE_INSTALL_BINDIR})
 endforeach()
 install(FILES LICENSE README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES man/taudio2call.1 man/taudio2-aec-report.1 man/taudio2-virtual-room.1
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 set(TAUDIO2_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/TAudio2)
 install(EXPORT TAudio2Targets NAMESPACE TAudio2:: DESTINATION ${TAUDIO2_CMAKEDIR} COMPONENT development)
@@ -40,28 +50,3 @@ foreach(pc taudio2shared taudio2base taudio2universaldev)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/${pc}.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endforeach()
-
-# Two Debian packages: taudio2 (libraries, taudio2call, the report and the
-# room) and taudio2-dev (headers, links, pkg-config and CMake files).
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME taudio2)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Full-duplex audio device with echo cancellation")
-set(CPACK_PACKAGE_CONTACT "taudio2 developers <taudio2@localhost>")
-set(CPACK_RESOURCE_FILE_LICENSE ${CMAKE_CURRENT_SOURCE_DIR}/LICENSE)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME taudio2)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION sound)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS
-  "python3, python3-numpy, python3-soundfile, python3-matplotlib, pulseaudio, pulseaudio-utils")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME taudio2-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
-# The headers' own includes, and the modules named in Requires.private.
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-  "libboost-dev (>= 1.74), libfmt-dev, pkg-config, librtaudio-dev, libwebrtc-audio-processing-dev, libspeexdsp-dev, libsndfile1-dev, qtbase5-dev")
-set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
-include(CPack)

@@ -13,6 +13,8 @@ PACKAGES=(
   # libjack-dev is the one librtaudio-dev already pulls in.
   pipewire pipewire-pulse wireplumber dbus jackd1
   python3 python3-numpy python3-matplotlib python3-soundfile
+  # The Debian packages: their build and their check.
+  debhelper lintian
 )
 
 missing=()

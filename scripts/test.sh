@@ -24,12 +24,17 @@ for variant in plain sanitize; do
   ctest --test-dir "$dir" --output-on-failure --timeout 900 --output-log "$dir/ctest.log"
   echo "== $variant measurements"
   grep -E '^(echo delay|real server:|fuzz:)' "$dir/Testing/Temporary/LastTest.log" || true
-  # What a client gets from an install: a prefix, two out-of-tree clients, the .debs.
+  # What a client gets from an install: a prefix and the .debs, two out-of-tree clients.
   if [ "$variant" = plain ]; then
     echo "== plain install, clients and Debian packages"
     start=$SECONDS
     bash "$root/tests/consumers/check_install.sh" "$dir"
     echo "install check: $((SECONDS - start)) s"
+    # Warnings fail too: one accepted is overridden in debian/ with its reason.
+    if command -v lintian > /dev/null; then
+      echo "== lintian"
+      lintian --fail-on error,warning "$dir"/debian-packages/*.changes
+    fi
   fi
 done
 

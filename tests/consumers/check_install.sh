@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
 # What a client gets from an install, checked from a built tree:
 #   tests/consumers/check_install.sh BUILD_DIR
-# installs into a temporary prefix, builds two clients against it (CMake's
-# find_package; g++ with pkg-config, on the README's example), runs one with
-# nothing but the prefix (a device list, then a short call in a private
-# virtual room started by the installed launcher), and builds the Debian
-# packages, checks their fields and installs them into a scratch root.
-# Takes about a minute.
+# Installs the build into a temporary prefix, and builds the Debian packages
+# from the source tree (dpkg-buildpackage; they are kept in
+# BUILD_DIR/debian-packages) and installs them into a scratch root. Against
+# each it checks that every program starts and has a manual page naming all
+# its options, builds two clients (CMake's find_package; g++ with pkg-config,
+# on the README's example) and runs them, with nothing but that prefix or
+# root, in a private virtual room. Takes a few minutes, mostly the packages.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 build=$(cd "${1:?usage: check_install.sh BUILD_DIR}" && pwd)
 work=$(mktemp -d "${TMPDIR:-/tmp}/taudio2-install.XXXXXX")
-prefix="$work/prefix"
 state="$work/room.state"
 cleanup() {
   VIRTUAL_ROOM_STATE="$state" bash "$root/scripts/virtual-room.sh" stop > /dev/null 2>&1 || true
@@ -21,59 +21,115 @@ trap cleanup EXIT
 # Nothing from the build environment may help the clients find the libraries.
 unset LD_LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
 
+# Every program in DIR/bin starts and has a manual page in DIR/share/man/man1
+# that names each option its --help names.
+check_programs() {
+  local dir=$1 program name page option
+  for program in "$dir"/bin/*; do
+    name=$(basename "$program")
+    page="$dir/share/man/man1/$name.1.gz"
+    [ -e "$page" ] || page="$dir/share/man/man1/$name.1"
+    [ -e "$page" ] || { echo "$name has no manual page" >&2; return 1; }
+    "$program" --help > "$work/help.txt"
+    zcat -f "$page" | sed 's/\\-/-/g' > "$work/page.txt"
+    while read -r option; do
+      grep -qF -- "$option" "$work/page.txt" || { echo "the manual page of $name lacks $option" >&2; return 1; }
+    done < <(grep -oE -- '--[a-z][a-z-]+' "$work/help.txt" | sort -u)
+  done
+  echo "   $(cd "$dir/bin" && echo *): start, and their manual pages name every option of --help"
+}
+
+# Builds the two clients against an installed tree into $work/NAME:
+# CMAKE_PREFIX (find_package) and PC_DIR (pkg-config), plus linker flags.
+build_clients() {
+  local name=$1 cmake_prefix=$2 pc_dir=$3
+  shift 3
+  cmake -S "$root/tests/consumers/cmake" -B "$work/$name/cmake" -DCMAKE_PREFIX_PATH="$cmake_prefix" \
+    -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Werror" > /dev/null
+  cmake --build "$work/$name/cmake" > /dev/null
+  echo "   built $name/cmake/client with find_package(TAudio2)"
+  # shellcheck disable=SC2046
+  g++ -std=c++17 -Wall -Wextra -Wpedantic -Werror -o "$work/$name/readme_client" "$work/readme_client.cpp" \
+    $(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs taudio2universaldev) "$@"
+  echo "   built $name/readme_client with g++ \$(pkg-config --cflags --libs taudio2universaldev)"
+}
+
+# Runs a client in the room; a call disturbed by a loaded machine is retried.
+run_client() {
+  local status
+  for _ in 1 2 3; do
+    status=0
+    "$@" > "$work/run.txt" 2>&1 || status=$?
+    sed 's/^/   /' "$work/run.txt"
+    [ "$status" -eq 3 ] || break
+    echo "   the call was disturbed (late or missing periods on a loaded machine): trying again"
+  done
+  [ "$status" -eq 0 ] || { echo "$* failed (exit status $status)" >&2; return 1; }
+}
+
+awk '/^```cpp$/ { inside = 1; next } /^```$/ && inside { exit } inside' "$root/README.md" > "$work/readme_client.cpp"
+
 echo "-- install into a temporary prefix"
+prefix="$work/prefix"
 cmake --install "$build" --prefix "$prefix" > /dev/null
 (cd "$prefix" && find . -mindepth 1 \( -type f -o -type l \) | sort | sed 's|^\./|   |')
 libdir=$(ls -d "$prefix"/lib*/pkgconfig | head -n 1 | xargs dirname)
-"$prefix/bin/taudio2call" --help > /dev/null
-"$prefix/bin/taudio2-aec-report" --help > /dev/null
-echo "   taudio2call and taudio2-aec-report start from the prefix"
+check_programs "$prefix"
+build_clients prefix "$prefix" "$libdir/pkgconfig" -Wl,-rpath,"$libdir"
 
-echo "-- consumer 1: CMake find_package(TAudio2)"
-cmake -S "$root/tests/consumers/cmake" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Werror" > /dev/null
-cmake --build "$work/cmake" > /dev/null
-echo "   built $work/cmake/client"
+echo "-- Debian packages, built from the source tree"
+packages="$build/debian-packages"
+mkdir -p "$work/src/taudio2"
+# The source as a fresh clone has it, with the working tree's changes (and
+# without the build folder of a dpkg-buildpackage run in the tree).
+(cd "$root" && git ls-files -z --cached --others --exclude-standard -- . ':!obj-*' | xargs -0 tar -cf - --) \
+  | tar -xf - -C "$work/src/taudio2"
+(cd "$work/src/taudio2" && DEB_BUILD_OPTIONS="parallel=$(nproc)" dpkg-buildpackage -b -us -uc) \
+  > "$work/dpkg-buildpackage.txt" 2>&1 || { tail -n 50 "$work/dpkg-buildpackage.txt" >&2; exit 1; }
+rm -rf "$packages"
+mkdir -p "$packages"
+cp "$work"/src/*.deb "$work"/src/*.changes "$work"/src/*.buildinfo "$packages"/
+for deb in "$packages"/*.deb; do
+  echo "   $(basename "$deb"): $(dpkg-deb -f "$deb" Depends)"
+done
+droot="$work/root"
+mkdir -p "$droot/var/lib/dpkg/info" "$droot/var/lib/dpkg/updates"
+touch "$droot/var/lib/dpkg/status"
+# A scratch root has none of the dependencies: they are checked against this
+# machine instead, the way apt would resolve them.
+dpkg --root="$droot" --force-depends --force-script-chrootless -i "$packages"/*.deb > "$work/dpkg.txt" 2>&1 \
+  || { cat "$work/dpkg.txt" >&2; exit 1; }
+apt-get install --simulate "$packages"/*.deb > "$work/apt.txt" 2>&1 \
+  || { cat "$work/apt.txt" >&2; exit 1; }
+echo "   installed into a scratch root; apt resolves the dependencies"
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+syslibdir="$droot/usr/lib/$multiarch"
+# libshared is private: beside the system's libraries it could collide.
+if [ ! -e "$syslibdir/taudio2/libshared.so.1" ] || [ -e "$syslibdir/libshared.so.1" ]; then
+  echo "libshared.so.1 is not (only) in $syslibdir/taudio2" >&2; exit 1
+fi
+echo "   libshared.so.1 is in the private usr/lib/$multiarch/taudio2"
+# The packages take their version from debian/changelog, the .pc files from CMake.
+version=$(dpkg-deb -f "$packages"/libtaudio2universaldev1_*.deb Version)
+[ "$version" = "$(PKG_CONFIG_PATH="$syslibdir/pkgconfig" pkg-config --modversion taudio2universaldev)" ] \
+  || { echo "debian/changelog's version $version is not the project's" >&2; exit 1; }
+check_programs "$droot/usr"
+# The README's client gets no run path here: the loader finds the libraries in
+# its default directory (played by LD_LIBRARY_PATH below), libshared through
+# the device library's run path.
+build_clients packages "$droot/usr" "$syslibdir/pkgconfig"
 
-echo "-- consumer 2: g++ \$(pkg-config --cflags --libs taudio2universaldev), the README's example"
-awk '/^```cpp$/ { inside = 1; next } /^```$/ && inside { exit } inside' "$root/README.md" > "$work/readme_client.cpp"
-export PKG_CONFIG_PATH="$libdir/pkgconfig"
-# shellcheck disable=SC2046
-g++ -std=c++17 -Wall -Wextra -Wpedantic -Werror -o "$work/readme_client" "$work/readme_client.cpp" \
-  $(pkg-config --cflags --libs taudio2universaldev) -Wl,-rpath,"$(pkg-config --variable=libdir taudio2universaldev)"
-unset PKG_CONFIG_PATH
-echo "   built $work/readme_client"
-
-echo "-- run consumer 1 in a virtual room, with nothing but the prefix"
+echo "-- run the clients in a virtual room, each with nothing but its prefix or root"
 export VIRTUAL_ROOM_STATE="$state"
 "$prefix/bin/taudio2-virtual-room" start > /dev/null
 eval "$("$prefix/bin/taudio2-virtual-room" env)"
 printf 'autospawn = no\n' > "$work/pulse-client.conf"
 # The device clears its recordings from $HOME: a private one.
 export HOME="$work" PULSE_CLIENTCONFIG="$work/pulse-client.conf"
-for attempt in 1 2 3; do
-  status=0
-  "$work/cmake/client" --call 3 > "$work/call.txt" 2>&1 || status=$?
-  sed 's/^/   /' "$work/call.txt"
-  [ "$status" -eq 3 ] || break
-  echo "   the call was disturbed (late or missing periods on a loaded machine): trying again"
-done
-[ "$status" -eq 0 ] || { echo "the call failed (exit status $status)" >&2; exit 1; }
+echo "   prefix:"
+run_client "$work/prefix/cmake/client" --call 3
+run_client "$work/prefix/readme_client"
+echo "   packages:"
+run_client env LD_LIBRARY_PATH="$syslibdir" "$work/packages/cmake/client" --call 3
+run_client env LD_LIBRARY_PATH="$syslibdir" "$work/packages/readme_client"
 "$prefix/bin/taudio2-virtual-room" stop > /dev/null
-
-echo "-- Debian packages"
-(cd "$build" && cpack -G DEB -B "$work/deb" > "$work/cpack.txt" 2>&1) || { cat "$work/cpack.txt" >&2; exit 1; }
-for deb in "$work"/deb/*.deb; do
-  echo "   $(basename "$deb"): $(dpkg-deb -f "$deb" Depends)"
-  [ -n "$(dpkg-deb -f "$deb" Depends)" ]
-done
-mkdir -p "$work/root/var/lib/dpkg/info" "$work/root/var/lib/dpkg/updates"
-touch "$work/root/var/lib/dpkg/status"
-# A scratch root has none of the dependencies: they are checked against this
-# machine instead, the way apt would resolve them.
-dpkg --root="$work/root" --force-depends --force-script-chrootless -i "$work"/deb/*.deb > "$work/dpkg.txt" 2>&1 \
-  || { cat "$work/dpkg.txt" >&2; exit 1; }
-apt-get install --simulate "$work"/deb/*.deb > "$work/apt.txt" 2>&1 \
-  || { cat "$work/apt.txt" >&2; exit 1; }
-env -u LD_LIBRARY_PATH "$work/root/usr/bin/taudio2call" --help > /dev/null
-echo "   installed into a scratch root; taudio2call starts there; apt resolves the dependencies"
