@@ -11,9 +11,18 @@
 
 #include <boost/thread/lock_guard.hpp>
 
+#include <dlfcn.h>
+#include <pulse/context.h>
+#include <pulse/introspect.h>
+#include <pulse/mainloop.h>
+
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <string>
+#include <thread>
 
 namespace tamrel {
 namespace {
@@ -32,6 +41,67 @@ int64_t nowMs()
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Whether a PulseAudio server (or PipeWire's) answers and has a default sink
+// and source. RtAudio 5.2 lists a server's devices by copying the default
+// names without looking, and crashes on a server that has none yet, as a
+// restarted one has until its devices are loaded: it is asked only after
+// this says yes. Gives up after a second.
+bool pulseServerReady()
+{
+    pa_mainloop* loop = pa_mainloop_new();
+    pa_context* context = loop ? pa_context_new(pa_mainloop_get_api(loop), "taudio2 recovery") : nullptr;
+    enum { WAITING, READY, NOT_READY } answer = WAITING;
+    if (context && pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0) {
+        bool asked = false;
+        for (const int64_t deadline = nowMs() + 1000; answer == WAITING && nowMs() < deadline;) {
+            if (pa_mainloop_iterate(loop, 0, nullptr) < 0)
+                break;
+            const pa_context_state_t state = pa_context_get_state(context);
+            if (!PA_CONTEXT_IS_GOOD(state))
+                break;
+            if (state == PA_CONTEXT_READY && !asked) {
+                asked = true;
+                pa_operation* query = pa_context_get_server_info(
+                    context,
+                    [](pa_context*, const pa_server_info* info, void* result) {
+                        *static_cast<decltype(answer)*>(result) =
+                            info && info->default_sink_name && info->default_source_name ? READY : NOT_READY;
+                    },
+                    &answer);
+                if (query)
+                    pa_operation_unref(query);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        pa_context_disconnect(context);
+    }
+    if (context)
+        pa_context_unref(context);
+    if (loop)
+        pa_mainloop_free(loop);
+    return answer == READY;
+}
+
+// PipeWire's JACK library tells a new client the configured quantum, then
+// runs the graph at whatever its clients ask for, and RtAudio 5.2 refuses
+// every buffer of another size: a stream reopened as it was would be
+// refused again. Asking PipeWire to hold the quantum it told, while the
+// stream runs, is the way through RtAudio. Only with PipeWire's libjack,
+// and only when the user set no properties of their own; read by the
+// library when the next JACK client opens.
+void holdPipeWireQuantum(unsigned frames)
+{
+    void* open = dlsym(RTLD_DEFAULT, "jack_client_open");
+    Dl_info library;
+    if (!open || !dladdr(open, &library) || !library.dli_fname || !std::strstr(library.dli_fname, "pipewire") ||
+        std::getenv("PIPEWIRE_PROPS"))
+        return;
+    const std::string props = "{ node.force-quantum = " + std::to_string(frames) + " }";
+    setenv("PIPEWIRE_PROPS", props.c_str(), 0);
+    warning("audio2", false) << "Universal device asks PipeWire to hold its quantum at " << frames
+                             << " frames while the stream runs (PIPEWIRE_PROPS=" << props << ")";
 }
 
 } // namespace
@@ -59,6 +129,7 @@ void TAudio2UniversalDevice_p::stopSupervisor()
 
 void TAudio2UniversalDevice_p::supervise()
 {
+    ReopeningThread = true;
     // False once closeStream() asks the supervisor to stop.
     const auto pause = [this](std::chrono::milliseconds duration) {
         std::unique_lock<std::mutex> lock(m_supervisorMutex);
@@ -93,6 +164,8 @@ void TAudio2UniversalDevice_p::supervise()
         warning("audio2", false) << "Universal device lost its stream (" << reason << "); reopening it";
         const int64_t lostMs = now;
         closeSoundLayer();
+        if (m_api == RtAudio::UNIX_JACK)
+            holdPipeWireQuantum(m_bufferFrames);
         std::string error;
         for (size_t attempt = 0; !reopen(error); ++attempt) {
             if (!pause(std::chrono::milliseconds(BACKOFF_MS[std::min(attempt, std::size(BACKOFF_MS) - 1)])))
@@ -113,7 +186,16 @@ void TAudio2UniversalDevice_p::supervise()
 // negotiated again, since a restarted server may offer others.
 bool TAudio2UniversalDevice_p::reopen(std::string& errorText)
 {
+    // RtAudio prints its device queries' failures to stderr: a server that is
+    // down would print them twice a second.
+    m_rtAudio.showWarnings(false);
+    struct WarningsBack {
+        RtAudio& rtAudio;
+        ~WarningsBack() { rtAudio.showWarnings(true); }
+    } warningsBack{m_rtAudio};
     closeSoundLayer();
+    if (m_api == RtAudio::LINUX_PULSE && !pulseServerReady())
+        return false;
     {
         // A server that is down lists no devices: nothing to negotiate with.
         boost::lock_guard<boost::mutex> soundLayer(SoundLayerMutex);

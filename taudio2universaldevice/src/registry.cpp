@@ -22,6 +22,7 @@ boost::shared_mutex DevicesMutex;
 std::map<unsigned, boost::shared_ptr<TAudio2UniversalDevice>> Devices;
 unsigned DevicesIndexInc = 0;
 std::atomic<uint64_t> UnattributedSoundLayerErrors{0};
+thread_local bool ReopeningThread = false;
 
 namespace {
 
@@ -228,10 +229,17 @@ int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, dou
 
 void rtAudioError(RtAudioError::Type /*type*/, const std::string& errorText)
 {
-    warning("audio2", false) << "Rt audio error: " << errorText;
     // On a stream's own thread the error is that stream's: a dead server
     // fails every read and write there, and recovery needs to know.
     const auto device = CurrentStreamId != NO_STREAM ? lookUp(CurrentStreamId) : nullptr;
+    // Once a stream is known lost, and while it is reopened, the sound
+    // layer's complaints are expected: the two recovery warnings say what a
+    // user needs, and the rest is there at level 0.
+    const bool expected = ReopeningThread || (device && TAudio2UniversalDevice_p::of(*device).m_streamLost.load());
+    if (expected)
+        debug("audio2", 0, false) << "Rt audio error: " << errorText;
+    else
+        warning("audio2", false) << "Rt audio error: " << errorText;
     if (device)
         TAudio2UniversalDevice_p::of(*device).soundLayerFailed();
     else

@@ -184,6 +184,8 @@ extern boost::mutex SoundLayerMutex;
 // the buffers of a stream that never got one, say): a silent stream's
 // supervisor takes them as its own.
 extern std::atomic<uint64_t> UnattributedSoundLayerErrors;
+// True on the threads that reopen lost streams (recovery.cpp).
+extern thread_local bool ReopeningThread;
 
 int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, double streamTime, unsigned status,
                     void* userData);
