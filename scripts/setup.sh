@@ -12,6 +12,9 @@ PACKAGES=(
   # The other servers of the real-server tests. jackd1, not jackd2: its
   # libjack-dev is the one librtaudio-dev already pulls in.
   pipewire pipewire-pulse wireplumber dbus jackd1
+  # PipeWire's own libjack (reached through pw-jack, never installed as the
+  # system's) and ALSA's PulseAudio plugin, for the JACK-on-PipeWire and ALSA rooms.
+  pipewire-jack libasound2-plugins
   python3 python3-numpy python3-matplotlib python3-soundfile
   # The Debian packages: their build and their check.
   debhelper lintian

@@ -4,8 +4,9 @@
 # microphone, mixed with an optional near-end talker.  Lets the duplex device
 # and its echo canceller run against real sound on a machine without a card.
 #
-#   scripts/virtual-room.sh start [--server pulseaudio|pipewire|jack]
+#   scripts/virtual-room.sh start [--server pulseaudio|pipewire|pipewire-jack|jack]
 #                                 [--echo-ms N] [--echo-volume PCT]
+#                                 [--jack-period FRAMES] [--jack-rate HZ]
 #                                 [--talker WAV [--talker-after SEC] [--talker-loop]]
 #   scripts/virtual-room.sh env          # prints export lines: eval "$(... env)"
 #   scripts/virtual-room.sh talk WAV [--after SEC] [--loop]
@@ -29,12 +30,20 @@
 #   pipewire    pipewire, wireplumber and pipewire-pulse under a private
 #               dbus-run-session; clients reach it through its PulseAudio
 #               service, and the room is built with the same pactl calls.
-#   jack        jackd (jackd1) with its dummy driver, 48000 Hz, period
-#               --jack-period frames (default 960); no echo path, no talker:
-#               a server to open streams on.  It takes the machine's default
-#               server name (RtAudio's JACK backend loses a server of any other
-#               name after its first query), so one runs at a time and none
-#               beside a JACK server of the user's own.
+#   pipewire-jack  the pipewire room, whose clients also get LD_LIBRARY_PATH
+#               pointing at PipeWire's own libjack (Debian's pipewire-jack, as
+#               pw-jack does; the system's libjack stays as it is): a JACK
+#               client started with the room's environment lands on its graph.
+#   jack        jackd (jackd1) with its dummy driver at --jack-rate Hz (default
+#               48000), period --jack-period frames (default 960; a start at
+#               other settings restarts it); no echo path, no talker: a server
+#               to open streams on.  It takes the machine's default server name
+#               (RtAudio's JACK backend loses a server of any other name after
+#               its first query), so one runs at a time and none beside a JACK
+#               server of the user's own.
+#
+# Starting a room whose server died (killed, crashed) brings it back in the
+# same directory, at the same address, so that its clients can reconnect.
 #
 # The state file ($VIRTUAL_ROOM_STATE, default /tmp/virtual-room-UID.state)
 # points at the room's private directory; set VIRTUAL_ROOM_STATE to run several
@@ -53,6 +62,7 @@ _VR_DEFAULT_ECHO_MS=40
 # pactl volumes are cubic: 50% is -18 dB, a plausible laptop speaker-to-mic loss.
 _VR_DEFAULT_ECHO_VOLUME=50
 _VR_DEFAULT_JACK_PERIOD=960
+_VR_DEFAULT_JACK_RATE=48000
 
 _vr_err() { echo "virtual-room: $*" >&2; }
 
@@ -64,17 +74,30 @@ _vr_state_file() {
 _vr_server_comm() {
   case "$1" in
     pipewire) echo pipewire-pulse ;;
+    pipewire-jack) echo pipewire ;;
     jack) echo jackd ;;
     *) echo pulseaudio ;;
   esac
+}
+
+# The folder of PipeWire's own libjack, empty when pipewire-jack is missing.
+_vr_pipewire_jack_dir() {
+  local d
+  for d in /usr/lib/*/pipewire-0.3/jack /usr/lib64/pipewire-0.3/jack /usr/lib/pipewire-0.3/jack; do
+    [ -e "$d/libjack.so.0" ] && { echo "$d"; return 0; }
+  done
 }
 
 _vr_check_tools() {
   local t missing=() tools=(setsid) packages
   case "$1" in
     pulseaudio) tools+=(pulseaudio pactl pacat paplay); packages="pulseaudio and pulseaudio-utils" ;;
-    pipewire) tools+=(pipewire wireplumber pipewire-pulse dbus-run-session pactl pacat paplay)
-              packages="pipewire, pipewire-pulse, wireplumber, dbus and pulseaudio-utils" ;;
+    pipewire|pipewire-jack)
+      tools+=(pipewire wireplumber pipewire-pulse pw-metadata dbus-run-session pactl pacat paplay)
+      packages="pipewire, pipewire-pulse, wireplumber, dbus and pulseaudio-utils"
+      if [ "$1" = pipewire-jack ] && [ -z "$(_vr_pipewire_jack_dir)" ]; then
+        missing+=("PipeWire's libjack.so.0"); packages+=", pipewire-jack"
+      fi ;;
     jack) tools+=(jackd); packages="jackd1" ;;
   esac
   for t in "${tools[@]}"; do
@@ -110,6 +133,7 @@ _vr_unlock() {
 
 _vr_load_state() {
   VR_DIR="" VR_PID="" VR_ECHO_MODULE="" VR_ECHO_MS="" VR_ECHO_VOLUME="" VR_SERVER=pulseaudio VR_GROUP=""
+  VR_JACK_PERIOD="" VR_JACK_RATE=""
   local f key value
   f=$(_vr_state_file)
   [ -r "$f" ] || return 1
@@ -122,6 +146,8 @@ _vr_load_state() {
       echo_volume) VR_ECHO_VOLUME=$value ;;
       server) VR_SERVER=$value ;;
       group) VR_GROUP=$value ;;
+      jack_period) VR_JACK_PERIOD=$value ;;
+      jack_rate) VR_JACK_RATE=$value ;;
     esac
   done <"$f"
   [ -n "$VR_DIR" ]
@@ -131,8 +157,9 @@ _vr_save_state() {
   local f tmp
   f=$(_vr_state_file)
   tmp="$f.$$"
-  printf 'dir=%s\npid=%s\necho_module=%s\necho_ms=%s\necho_volume=%s\nserver=%s\ngroup=%s\n' \
-    "$VR_DIR" "$VR_PID" "$VR_ECHO_MODULE" "$VR_ECHO_MS" "$VR_ECHO_VOLUME" "$VR_SERVER" "$VR_GROUP" >"$tmp" &&
+  printf 'dir=%s\npid=%s\necho_module=%s\necho_ms=%s\necho_volume=%s\nserver=%s\ngroup=%s\njack_period=%s\njack_rate=%s\n' \
+    "$VR_DIR" "$VR_PID" "$VR_ECHO_MODULE" "$VR_ECHO_MS" "$VR_ECHO_VOLUME" "$VR_SERVER" "$VR_GROUP" \
+    "$VR_JACK_PERIOD" "$VR_JACK_RATE" >"$tmp" &&
     mv -f "$tmp" "$f"
 }
 
@@ -177,7 +204,7 @@ _vr_set_echo() {
 
 _vr_print_devices() {
   if [ "$VR_SERVER" = jack ]; then
-    echo "virtual room running (jackd pid $VR_PID, dummy driver, 48000 Hz, period $VR_ECHO_MS frames)"
+    echo "virtual room running (jackd pid $VR_PID, dummy driver, $VR_JACK_RATE Hz, period $VR_JACK_PERIOD frames)"
     echo "  server: JACK_DEFAULT_SERVER=default"
     return 0
   fi
@@ -187,20 +214,27 @@ _vr_print_devices() {
   echo "  microphone, default source:   \"$_VR_MIC_DESC\" ($_VR_MIC)"
   echo "  near-end talker sink:         \"$_VR_NEAREND_DESC\" ($_VR_NEAREND)"
   echo "  server: unix:$VR_DIR/pulse/native"
+  [ "$VR_SERVER" != pipewire-jack ] || echo "  JACK clients: LD_LIBRARY_PATH=$(_vr_pipewire_jack_dir)"
 }
 
+# Starts SERVER in DIR (the folder of the room it replaces) or in a new folder.
 _vr_start_server() {
-  local base
+  local base dir=$2
   base=${TMPDIR:-/tmp}
   # The server's socket path must fit a sockaddr_un (108 bytes).
   [ ${#base} -le 70 ] || base=/tmp
-  VR_DIR=$(mktemp -d "$base/virtual-room.XXXXXX") || { _vr_err "mktemp failed in $base"; return 1; }
+  if [ -n "$dir" ]; then
+    VR_DIR=$dir
+    rm -f "$VR_DIR/talkers" "$VR_DIR/pulse/pid"
+  else
+    VR_DIR=$(mktemp -d "$base/virtual-room.XXXXXX") || { _vr_err "mktemp failed in $base"; return 1; }
+  fi
   VR_SERVER=$1 VR_PID="" VR_GROUP="" VR_ECHO_MODULE="" VR_ECHO_MS="" VR_ECHO_VOLUME=""
   mkdir -p "$VR_DIR/state"
   # Clients of the room must never autospawn some other server when it is gone.
   echo "autospawn = no" >"$VR_DIR/client.conf"
   _vr_save_state || { _vr_err "cannot write $(_vr_state_file)"; return 1; }
-  "_vr_start_$VR_SERVER" "${@:2}"
+  "_vr_start_${VR_SERVER%-jack}" "${@:3}"
 }
 
 _vr_start_pulseaudio() {
@@ -253,15 +287,15 @@ _vr_start_pipewire() {
   _vr_await pipewire 100 _vr_pipewire_up
 }
 _vr_pipewire_up() {
-  VR_PID=$(pgrep -g "$VR_GROUP" -x pipewire-pulse 2>/dev/null | head -n 1)
+  VR_PID=$(pgrep -g "$VR_GROUP" -x "$(_vr_server_comm "$VR_SERVER")" 2>/dev/null | head -n 1)
   [ -n "$VR_PID" ] && _vr_pactl info >/dev/null 2>&1
 }
 
 _vr_start_jack() {
-  local period=$1
+  local period=$1 rate=$2
   _vr_detach jackd --no-realtime \
-      -d dummy -r "$_VR_RATE" -p "$period" </dev/null >"$VR_DIR/jackd.log" 2>&1 &
-  VR_GROUP=$! VR_ECHO_MS=$period
+      -d dummy -r "$rate" -p "$period" </dev/null >"$VR_DIR/jackd.log" 2>&1 &
+  VR_GROUP=$! VR_JACK_PERIOD=$period VR_JACK_RATE=$rate
   _vr_save_state
   _vr_await jackd 50 _vr_jack_up
 }
@@ -294,13 +328,18 @@ _vr_build_room() {
 
 # The variables that point a client at the room, and their values.
 _vr_env_names() {
-  if [ "$VR_SERVER" = jack ]; then echo JACK_DEFAULT_SERVER; else echo XDG_RUNTIME_DIR PULSE_SERVER; fi
+  case "$VR_SERVER" in
+    jack) echo JACK_DEFAULT_SERVER ;;
+    pipewire-jack) echo XDG_RUNTIME_DIR PULSE_SERVER LD_LIBRARY_PATH ;;
+    *) echo XDG_RUNTIME_DIR PULSE_SERVER ;;
+  esac
 }
 _vr_env_value() {
   case "$1" in
     JACK_DEFAULT_SERVER) echo default ;;
     XDG_RUNTIME_DIR) echo "$VR_DIR" ;;
     PULSE_SERVER) echo "unix:$VR_DIR/pulse/native" ;;
+    LD_LIBRARY_PATH) _vr_pipewire_jack_dir ;;
   esac
 }
 
@@ -328,11 +367,12 @@ _vr_restore_env() {
 _vr_cmd_start() {
   local ms=$_VR_DEFAULT_ECHO_MS volume=$_VR_DEFAULT_ECHO_VOLUME echo_given=0
   local talker="" talker_after=0 talker_loop=0 server=${VIRTUAL_ROOM_SERVER:-pulseaudio}
-  local jack_period=$_VR_DEFAULT_JACK_PERIOD
+  local jack_period=$_VR_DEFAULT_JACK_PERIOD jack_rate=$_VR_DEFAULT_JACK_RATE
   while [ $# -gt 0 ]; do
     case "$1" in
       --server) server=${2-}; shift 2 || { _vr_err "--server needs a name"; return 2; } ;;
       --jack-period) jack_period=${2-}; shift 2 || { _vr_err "--jack-period needs frames"; return 2; } ;;
+      --jack-rate) jack_rate=${2-}; shift 2 || { _vr_err "--jack-rate needs Hz"; return 2; } ;;
       --echo-ms) ms=${2-}; echo_given=1; shift 2 || { _vr_err "--echo-ms needs a value"; return 2; } ;;
       --echo-volume) volume=${2-}; echo_given=1; shift 2 || { _vr_err "--echo-volume needs a value"; return 2; } ;;
       --talker) talker=${2-}; shift 2 || { _vr_err "--talker needs a WAV file"; return 2; } ;;
@@ -352,12 +392,15 @@ _vr_cmd_start() {
   fi
   _vr_is_seconds "$talker_after" || { _vr_err "--talker-after must be seconds (got '$talker_after')"; return 2; }
   case "$server" in
-    pulseaudio|pipewire) ;;
+    pulseaudio|pipewire|pipewire-jack) ;;
     jack) [ -z "$talker" ] || { _vr_err "a jack room has no talker"; return 2; } ;;
-    *) _vr_err "--server must be pulseaudio, pipewire or jack (got '$server')"; return 2 ;;
+    *) _vr_err "--server must be pulseaudio, pipewire, pipewire-jack or jack (got '$server')"; return 2 ;;
   esac
   if ! _vr_is_uint "$jack_period" || [ "$jack_period" -lt 16 ] || [ "$jack_period" -gt 8192 ]; then
     _vr_err "--jack-period must be frames, 16..8192 (got '$jack_period')"; return 2
+  fi
+  if ! _vr_is_uint "$jack_rate" || [ "$jack_rate" -lt 8000 ] || [ "$jack_rate" -gt 192000 ]; then
+    _vr_err "--jack-rate must be Hz, 8000..192000 (got '$jack_rate')"; return 2
   fi
   _vr_check_tools "$server" || return 1
 
@@ -367,16 +410,19 @@ _vr_cmd_start() {
     _vr_unlock
     return 1
   fi
-  if _vr_running && [ "$server" = jack ]; then
+  if _vr_running && [ "$server" = jack ] && [ "$jack_period/$jack_rate" = "$VR_JACK_PERIOD/$VR_JACK_RATE" ]; then
     echo "virtual room already running; reusing it"
-  elif _vr_running; then
+  elif _vr_running && [ "$server" != jack ]; then
     if [ "$echo_given" = 1 ] && { [ "$ms" != "$VR_ECHO_MS" ] || [ "$volume" != "$VR_ECHO_VOLUME" ]; }; then
       _vr_set_echo "$ms" "$volume" || { _vr_unlock; return 1; }
     fi
     echo "virtual room already running; reusing it"
   else
-    _vr_stop_quietly
-    if ! _vr_start_server "$server" "$jack_period" ||
+    # A room of this kind whose server is gone comes back in its own folder.
+    local dir=""
+    _vr_load_state && [ "$VR_SERVER" = "$server" ] && [ -d "$VR_DIR" ] && dir=$VR_DIR
+    _vr_stop_quietly "$dir"
+    if ! _vr_start_server "$server" "$dir" "$jack_period" "$jack_rate" ||
        { [ "$server" != jack ] && ! _vr_build_room "$ms" "$volume"; }; then
       _vr_stop_quietly
       _vr_unlock
@@ -445,8 +491,10 @@ _vr_cmd_talk() {
   echo "talker: playing $wav into \"$_VR_NEAREND_DESC\" ($how, after $after s, pid $pid)"
 }
 
-# Ends the recorded room, if any, and forgets it; prints nothing on success.
+# Ends the recorded room, if any, and forgets it, unless KEEP names its
+# folder (to start the room again there); prints nothing on success.
 _vr_stop_quietly() {
+  local keep=${1-}
   _vr_load_state || { rm -f "$(_vr_state_file)"; return 0; }
   local pid
   if [ -r "$VR_DIR/talkers" ]; then
@@ -476,6 +524,7 @@ _vr_stop_quietly() {
     _vr_err "$(_vr_server_comm "$VR_SERVER") pid $VR_PID would not exit"
     return 1
   fi
+  [ -z "$keep" ] || return 0
   case "$VR_DIR" in
     */virtual-room.??????) rm -rf -- "$VR_DIR" ;;
   esac
@@ -507,17 +556,19 @@ _vr_cmd_status() {
 
 _vr_usage() {
   cat <<'EOF'
-usage: virtual-room.sh start [--server pulseaudio|pipewire|jack] [--jack-period FRAMES]
+usage: virtual-room.sh start [--server pulseaudio|pipewire|pipewire-jack|jack]
+                             [--jack-period FRAMES] [--jack-rate HZ]
                              [--echo-ms N] [--echo-volume PCT]
                              [--talker WAV [--talker-after SEC] [--talker-loop]]
        virtual-room.sh env | status | stop
        virtual-room.sh talk WAV [--after SEC] [--loop]
 
 A private sound server (PulseAudio by default, PipeWire through its PulseAudio
-service, or JACK with its dummy driver and no echo path): its default sink
-"Room speaker" is heard, N ms
-later (default 40) at PCT% volume (default 50% = -18 dB), on its default source
-"Room microphone", together with any WAV played by "talk" (the near-end talker).
+service, the same with PipeWire's JACK library for JACK clients, or JACK with
+its dummy driver and no echo path): its default sink "Room speaker" is heard,
+N ms later (default 40) at PCT% volume (default 50% = -18 dB), on its default
+source "Room microphone", together with any WAV played by "talk" (the near-end
+talker).
 Use it from a shell with:  eval "$(scripts/virtual-room.sh env)"
 EOF
 }
