@@ -64,7 +64,11 @@ class TAudio2UniversalDevice_p;
 // reopened with the same configuration and callback, retried every 100 to
 // 500 ms until the server is back or closeStream() is called. The client
 // sees a gap, never an error; the recordings go on in the same files; one
-// warning line says the stream was lost and one that it came back.
+// warning line says the stream was lost and one that it came back. On
+// PipeWire's JACK library, whose graph may run at another period than the
+// one a new client is told, a loss sets PIPEWIRE_PROPS (unless already set)
+// in the process's environment so that PipeWire holds the told period while
+// the stream runs; one warning line says so.
 //
 // Configurations that openStream() refuses with -2, before the sound layer
 // is asked anything or the device is registered; *error names the field and
