@@ -7,7 +7,6 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include <algorithm>
-#include <chrono>
 
 namespace tamrel {
 
@@ -45,8 +44,7 @@ void TAudio2UniversalDevice_p::closeSoundLayer()
     // only writes silence meanwhile. A stream that is not delivering, and any
     // JACK stream, is aborted instead: nothing is waited for.
     const int64_t last = m_lastCallbackNs.load();
-    const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                            std::chrono::steady_clock::now().time_since_epoch()).count();
+    const int64_t now = steadyNowNs();
     const int64_t bufferNs = m_deviceSampleRate ? int64_t(m_bufferFrames) * 1000000000 / m_deviceSampleRate : 0;
     const bool delivering = last != 0 && !m_streamLost.load() && now - last < std::max<int64_t>(60000000, 2 * bufferNs);
     const bool drain = delivering && m_api != RtAudio::UNIX_JACK;

@@ -16,19 +16,10 @@ namespace {
 
 const unsigned NO_DEVICE = 0xFFFFFFFF;
 
-struct RateSupport {
-    bool r48000 = false;
-    bool r16000 = false;
-    bool r8000 = false;
-    std::vector<unsigned int> all;
-
-    static RateSupport of(const std::vector<unsigned int>& rates)
-    {
-        const auto has = [&rates](unsigned rate) { return std::find(rates.begin(), rates.end(), rate) != rates.end(); };
-        return RateSupport{has(48000), has(16000), has(8000), rates};
-    }
-    bool has(unsigned rate) const { return std::find(all.begin(), all.end(), rate) != all.end(); }
-};
+bool lists(const std::vector<unsigned int>& rates, unsigned rate)
+{
+    return std::find(rates.begin(), rates.end(), rate) != rates.end();
+}
 
 // Index of the first probed device called `name` with channels in the wanted
 // direction; `fallback` when there is none. A device that cannot be queried
@@ -216,7 +207,7 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
 
     // Playback probe. When the output cannot be queried at all it is assumed
     // to take 48000 Hz, so that the capture side alone decides.
-    RateSupport outputRates;
+    std::vector<unsigned int> outputRates;
     uint32_t playbackChannels = 0;
     try {
         const RtAudio::DeviceInfo info = m_rtAudio.getDeviceInfo(outputDevice);
@@ -226,7 +217,7 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
         } else {
             debug("audio2", 0, false) << "In universal device checking output sample rate outputChannels="
                                       << info.outputChannels << " duplexChannels" << info.duplexChannels;
-            outputRates = RateSupport::of(info.sampleRates);
+            outputRates = info.sampleRates;
             if (info.outputChannels != static_cast<unsigned>(configuration.playbackChannels))
                 debug("audio2", 0, false) << "In universal device output channels mismatch: device="
                                           << info.outputChannels << " conf=" << configuration.playbackChannels;
@@ -235,14 +226,14 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
     } catch (const RtAudioError& e) {
         playbackChannels = static_cast<uint32_t>(configuration.playbackChannels);
         warning("audio2", false) << "In universal device failed to get output device: " << e.getMessage();
-        outputRates = RateSupport::of({48000});
+        outputRates = {48000};
     }
 
     // Never open more playback channels than the client supplies.
     const uint32_t clientPlaybackChannels = static_cast<uint32_t>(configuration.playbackChannels);
     playbackChannels = std::min(playbackChannels, clientPlaybackChannels);
 
-    RateSupport inputRates;
+    std::vector<unsigned int> inputRates;
     if (withCapture) {
         try {
             const RtAudio::DeviceInfo info = m_rtAudio.getDeviceInfo(inputDevice);
@@ -252,7 +243,7 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
             } else {
                 debug("audio2", 0, false) << "In universal device checking input sample rate inputChannels="
                                           << info.inputChannels << " duplexChannels" << info.duplexChannels;
-                inputRates = RateSupport::of(info.sampleRates);
+                inputRates = info.sampleRates;
             }
         } catch (const RtAudioError& e) {
             playbackChannels = clientPlaybackChannels;
@@ -264,13 +255,13 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
     // signal reaches the device without a conversion in between. A server
     // fixed at another rate (JACK at 44100 Hz) still runs, converted: the
     // highest rate both sides take.
-    const auto usable = [&](unsigned rate) { return outputRates.has(rate) && (!withCapture || inputRates.has(rate)); };
+    const auto usable = [&](unsigned rate) { return lists(outputRates, rate) && (!withCapture || lists(inputRates, rate)); };
     unsigned deviceRate = 0;
     for (unsigned rate : {48000u, 16000u, 8000u})
         if (deviceRate == 0 && usable(rate))
             deviceRate = rate;
     if (deviceRate == 0)
-        for (unsigned rate : outputRates.all)
+        for (unsigned rate : outputRates)
             if (usable(rate))
                 deviceRate = std::max(deviceRate, rate);
     if (deviceRate == 0) {

@@ -20,7 +20,6 @@
 #include <boost/thread/locks.hpp>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 
 namespace tamrel {
@@ -44,11 +43,6 @@ void fillFrame(webrtc::AudioFrame& frame, uint32_t id, uint32_t timestamp, const
 // RtAudio then calls back without pause.
 const uint32_t FAILING_BUFFERS_FOR_LOSS = 3;
 
-int64_t steadyNowNs()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch()).count();
-}
 
 } // namespace
 

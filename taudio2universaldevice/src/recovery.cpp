@@ -39,8 +39,7 @@ const int BACKOFF_MS[] = {100, 200, 400, 500};
 
 int64_t nowMs()
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch()).count();
+    return steadyNowNs() / 1000000;
 }
 
 // Whether a PulseAudio server (or PipeWire's) answers and has a default sink

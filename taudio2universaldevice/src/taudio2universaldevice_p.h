@@ -20,6 +20,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -33,6 +34,13 @@ class AudioProcessing;
 }
 
 namespace tamrel {
+
+// The one clock of the stream's timing: buffers' arrival, stalls, back-off.
+inline int64_t steadyNowNs()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 class TAudio2UniversalDevice_p : public boost::enable_shared_from_this<TAudio2UniversalDevice_p> {
 public:
