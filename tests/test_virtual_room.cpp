@@ -121,7 +121,7 @@ protected:
         EXPECT_GE(far.size(), static_cast<size_t>((FAR_ONLY_END + CALL_END - NEAR_ONLY_END) * CLIENT_RATE));
         EXPECT_GE(near.size(), static_cast<size_t>((CALL_END - FAR_ONLY_END) * CARD_RATE));
 
-        auto device = makeDevice(CLIENT_RATE);
+        auto device = makeDevice();
         TAudio2StreamConfiguration conf = config(CLIENT_RATE, 20, 1, 1);
         conf.measureAec = true;
         size_t farPos = 0;
@@ -165,9 +165,9 @@ protected:
         }
         device->closeStream();
 
-        const auto capture = readWav(homePath() + "/capture.wav", CLIENT_RATE);
-        const auto processed = readWav(homePath() + "/capture_aec.wav", CLIENT_RATE);
-        const auto playback = readWav(homePath() + "/playback.wav", CLIENT_RATE);
+        const auto capture = readWav(homeFile("capture.wav"), CLIENT_RATE);
+        const auto processed = readWav(homeFile("capture_aec.wav"), CLIENT_RATE);
+        const auto playback = readWav(homeFile("playback.wav"), CLIENT_RATE);
 
         Figures f{};
         f.frames[0] = capture.size();

@@ -19,14 +19,6 @@ void TAudio2UniversalDevice::closeStream()
     const unsigned id = p.m_id;
     {
         boost::lock_guard<boost::mutex> lock(p.m_mutex);
-        if (p.m_speexPreprocessState) {
-            speex_preprocess_state_destroy(p.m_speexPreprocessState);
-            p.m_speexPreprocessState = nullptr;
-        }
-        if (p.m_speexEchoState) {
-            speex_echo_state_destroy(p.m_speexEchoState);
-            p.m_speexEchoState = nullptr;
-        }
         p.closeRecordings();
         // Releases whatever the client's callback holds now, not at destruction.
         p.m_callback = TAudio2FrameCallback();

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <climits>
 #include <exception>
+#include <memory>
 
 namespace tamrel {
 namespace {
@@ -21,22 +22,65 @@ bool lists(const std::vector<unsigned int>& rates, unsigned rate)
     return std::find(rates.begin(), rates.end(), rate) != rates.end();
 }
 
-// Index of the first probed device called `name` with channels in the wanted
-// direction; `fallback` when there is none. A device that cannot be queried
-// ends the search: the default is better than failing the call.
-unsigned findDevice(RtAudio& rtAudio, unsigned count, const std::string& name, bool output, unsigned fallback)
-{
-    try {
+// One look at the sound layer's devices per open: RtAudio's PulseAudio
+// backend leaks on every query of its server, and asking for the count,
+// each default and each device apart made five. Each record is read once;
+// a device that cannot be read keeps its reason instead.
+struct DeviceList {
+    std::vector<RtAudio::DeviceInfo> infos;
+    std::vector<std::string> failures;   // empty where the record was read
+
+    explicit DeviceList(RtAudio& rtAudio)   // throws RtAudioError when there is no list
+    {
+        const unsigned count = rtAudio.getDeviceCount();
+        infos.resize(count);
+        failures.resize(count);
         for (unsigned i = 0; i < count; ++i) {
-            const RtAudio::DeviceInfo info = rtAudio.getDeviceInfo(i);
+            try {
+                infos[i] = rtAudio.getDeviceInfo(i);
+            } catch (const RtAudioError& e) {
+                failures[i] = e.getMessage();
+            }
+        }
+    }
+
+    // The device the sound layer marks as its default for the direction,
+    // else the first: what RtAudio's own default queries answer.
+    unsigned defaultDevice(bool output) const
+    {
+        for (unsigned i = 0; i < infos.size(); ++i)
+            if (failures[i].empty() && (output ? infos[i].isDefaultOutput : infos[i].isDefaultInput))
+                return i;
+        return 0;
+    }
+
+    // The first probed device called `name` with channels in the wanted
+    // direction; `fallback` when there is none. A device that cannot be read
+    // ends the search: the default is better than failing the call.
+    unsigned find(const std::string& name, bool output, unsigned fallback) const
+    {
+        for (unsigned i = 0; i < infos.size(); ++i) {
+            if (!failures[i].empty())
+                return fallback;
+            const RtAudio::DeviceInfo& info = infos[i];
             const unsigned channels = output ? info.outputChannels : info.inputChannels;
             if (info.probed && (channels != 0 || info.duplexChannels != 0) && info.name == name)
                 return i;
         }
-    } catch (...) {
+        return fallback;
     }
-    return fallback;
-}
+
+    // The record of device `index`; throws RtAudioError with the sound
+    // layer's reason when it could not be read.
+    const RtAudio::DeviceInfo& at(unsigned index) const
+    {
+        if (index >= infos.size())
+            throw RtAudioError("no device " + std::to_string(index), RtAudioError::INVALID_DEVICE);
+        if (!failures[index].empty())
+            throw RtAudioError(failures[index], RtAudioError::INVALID_DEVICE);
+        return infos[index];
+    }
+};
 
 void logSupportedRates(const char* what, const RtAudio::DeviceInfo& info)
 {
@@ -109,57 +153,14 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
     TAudio2UniversalDevice_p& p = *d;
     debug("audio2", 0, false) << "In universal device openStream captureChannels=" << configuration.captureChannels
                               << " playbackChannels" << configuration.playbackChannels;
-
     if (refuseSecondOpen(p, error))
         return -4;
 
     std::string errorText;
-    int result = p.negotiate(configuration, errorText);
+    const int result = p.open(*this, configuration, callback, errorText);
+    // No common rate and no devices are said in warnings of their own.
     if (result == -3 || result == -6)
         return result;
-    {
-        boost::lock_guard<boost::mutex> lock(p.m_mutex);
-        p.m_useVoicePreprocessor = m_hasVoicePreprocessor;
-    }
-    p.m_device = shared_from_this();
-
-    if (result == 0) {
-        TAudio2UniversalDevice_p::registerDevice(*this);
-        result = p.openSoundLayer(configuration, errorText);
-
-        // Whatever fails while the chain is built must not leave an open,
-        // registered stream behind an exception the client never expected.
-        if (result == 0) {
-            try {
-                p.setupVoiceProcessing(configuration);
-            } catch (const std::exception& e) {
-                errorText = std::string("voice processing could not be set up: ") + e.what();
-                result = -4;
-                closeStream();
-            }
-        }
-
-        if (result == 0) {
-            try {
-                p.startSoundLayer();
-                // Stored after the start: buffers that come earlier are
-                // skipped. The lock keeps the audio thread from reading a
-                // half-written function.
-                boost::lock_guard<boost::mutex> lock(p.m_mutex);
-                p.m_callback = callback;
-            } catch (const RtAudioError& e) {
-                errorText = e.getMessage();
-                result = -5;
-                closeStream();
-            }
-        }
-        if (result == 0) {
-            p.m_configuration = configuration;
-            p.m_streamActive = true;
-            p.startSupervisor();
-        }
-    }
-
     if (result != 0)
         debug("audio2", 0, false) << "TAudio2UniversalDevice::openStream() failed: " << errorText;
     if (error)
@@ -167,50 +168,99 @@ int TAudio2UniversalDevice::openStream(const TAudio2StreamConfiguration& configu
     return result;
 }
 
+int TAudio2UniversalDevice_p::open(TAudio2UniversalDevice& device, const TAudio2StreamConfiguration& configuration,
+                                   const TAudio2FrameCallback& callback, std::string& errorText)
+{
+    int result = negotiate(configuration, errorText);
+    if (result != 0)
+        return result;
+    {
+        boost::lock_guard<boost::mutex> lock(m_mutex);
+        m_useVoicePreprocessor = device.m_hasVoicePreprocessor;
+    }
+
+    registerDevice(device);
+    result = openSoundLayer(errorText);
+    if (result == 0) {
+        try {
+            setupVoiceProcessing(configuration);
+        } catch (const std::exception& e) {
+            errorText = std::string("voice processing could not be set up: ") + e.what();
+            result = -4;
+        }
+    }
+    if (result == 0) {
+        // In place before the first buffer: the audio thread never meets a
+        // stream without its client.
+        {
+            boost::lock_guard<boost::mutex> lock(m_mutex);
+            m_callback = callback;
+        }
+        try {
+            startSoundLayer();
+        } catch (const RtAudioError& e) {
+            errorText = e.getMessage();
+            result = -5;
+        }
+    }
+    if (result != 0) {
+        // The one way out of a failed open: nothing stays open or registered.
+        closeSoundLayer();
+        {
+            boost::lock_guard<boost::mutex> lock(m_mutex);
+            closeRecordings();
+            m_callback = TAudio2FrameCallback();
+        }
+        unregisterDevice(m_id);
+        return result;
+    }
+    m_configuration = configuration;
+    m_streamActive = true;
+    startSupervisor();
+    return 0;
+}
+
 int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& configuration, std::string& errorText)
 {
     const bool withCapture = configuration.captureChannels >= 1;
-    unsigned outputDevice = NO_DEVICE;
-    unsigned inputDevice = NO_DEVICE;
-    int result = 0;
-
-    // Device choice: the default, or the first device carrying the configured
-    // name. False when a name is configured but there are no devices at all.
-    const auto choose = [this](const std::string& name, bool output, unsigned& index, const char* noDevices) {
-        index = output ? m_rtAudio.getDefaultOutputDevice() : m_rtAudio.getDefaultInputDevice();
-        if (name.empty())
-            return true;
-        const unsigned count = m_rtAudio.getDeviceCount();
-        if (count == 0) {
-            warning("audio2", false) << noDevices;
-            return false;
-        }
-        index = findDevice(m_rtAudio, count, name, output, index);
-        return true;
-    };
     // Device choice and probes, up to the rate choice, as one turn at the
     // sound layer.
     boost::unique_lock<boost::mutex> soundLayer(SoundLayerMutex);
-    // A failed query is reported only after the negotiation below has run
-    // and written the record.
+    std::unique_ptr<DeviceList> list;
     try {
-        if (!choose(configuration.playbackDeviceName, true, outputDevice,
-                    "No playback devices found in audio universal device"))
-            return -6;
-        if (withCapture && !choose(configuration.captureDeviceName, false, inputDevice,
-                                   "No capture devices found in audio universal device"))
-            return -6;
+        list.reset(new DeviceList(m_rtAudio));
     } catch (const RtAudioError& e) {
         errorText = e.getMessage();
-        result = -1;
+        return -1;
     }
+    // Device choice: the default, or the first device carrying the
+    // configured name; no devices at all fail a configured name.
+    const auto choose = [&list](const std::string& name, bool output, unsigned& index, const char* noDevices) {
+        index = list->defaultDevice(output);
+        if (name.empty())
+            return true;
+        if (list->infos.empty()) {
+            warning("audio2", false) << noDevices;
+            return false;
+        }
+        index = list->find(name, output, index);
+        return true;
+    };
+    unsigned outputDevice = NO_DEVICE;
+    unsigned inputDevice = NO_DEVICE;
+    if (!choose(configuration.playbackDeviceName, true, outputDevice,
+                "No playback devices found in audio universal device"))
+        return -6;
+    if (withCapture && !choose(configuration.captureDeviceName, false, inputDevice,
+                               "No capture devices found in audio universal device"))
+        return -6;
 
     // Playback probe. When the output cannot be queried at all it is assumed
     // to take 48000 Hz, so that the capture side alone decides.
     std::vector<unsigned int> outputRates;
     uint32_t playbackChannels = 0;
     try {
-        const RtAudio::DeviceInfo info = m_rtAudio.getDeviceInfo(outputDevice);
+        const RtAudio::DeviceInfo& info = list->at(outputDevice);
         if (!info.probed) {
             warning("audio2", false) << "In universal device failed to probe output device: probed=" << info.probed
                                      << " name " << info.name;
@@ -236,7 +286,7 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
     std::vector<unsigned int> inputRates;
     if (withCapture) {
         try {
-            const RtAudio::DeviceInfo info = m_rtAudio.getDeviceInfo(inputDevice);
+            const RtAudio::DeviceInfo& info = list->at(inputDevice);
             if (!info.probed) {
                 warning("audio2", false) << "In universal device failed to probe input device: probed="
                                          << info.probed << " name " << info.name;
@@ -267,9 +317,9 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
     if (deviceRate == 0) {
         warning("audio2", false) << "Unsupported rate in universal device driver";
         try {
-            logSupportedRates("Supported rates for output device ", m_rtAudio.getDeviceInfo(outputDevice));
+            logSupportedRates("Supported rates for output device ", list->at(outputDevice));
             if (withCapture)
-                logSupportedRates("Supported rates for input device ", m_rtAudio.getDeviceInfo(inputDevice));
+                logSupportedRates("Supported rates for input device ", list->at(inputDevice));
         } catch (const RtAudioError& e) {
             warning("audio2", false) << "In universal device failed to failed to list supported sample rates: "
                                      << e.getMessage();
@@ -303,10 +353,11 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
     m_chunkFrames = m_sampleRate * m_periodMs / 1000u;
 
     // Every per-period buffer is sized here, once, so the callback never resizes.
-    m_playbackBuffer.assign(m_chunkFrames * m_clientPlaybackChannels * 2u, 0);
-    m_playbackLeft.assign(m_chunkFrames * m_playbackChannels * 2u, 0);
-    m_resampledCapture.assign(m_chunkFrames * m_captureChannels * 2u, 0);
-    m_resampledPlayback.assign(m_deviceChunkFrames * m_clientPlaybackChannels * 2u, 0);
+    m_playbackBuffer.assign(static_cast<size_t>(m_chunkFrames) * m_clientPlaybackChannels, 0);
+    m_playbackLeft.assign(m_chunkFrames, 0);
+    m_resampledCapture.assign(static_cast<size_t>(m_chunkFrames) * m_captureChannels, 0);
+    m_captureMono.assign(m_captureChannels > 1 ? m_chunkFrames : 0u, 0);
+    m_resampledPlayback.assign(static_cast<size_t>(m_deviceChunkFrames) * m_playbackChannels, 0);
     m_resyncFrames = m_deviceSampleRate * 200u / 1000u;
 
     // The FIFOs hold what is short of a period plus the longest buffer the
@@ -321,10 +372,10 @@ int TAudio2UniversalDevice_p::negotiate(const TAudio2StreamConfiguration& config
     m_playbackLagFrames = 0;
     m_buffersWithErrors = 0;
     m_errorsSeen = m_soundLayerErrors.load();
-    return result;
+    return 0;
 }
 
-int TAudio2UniversalDevice_p::openSoundLayer(const TAudio2StreamConfiguration& configuration, std::string& errorText)
+int TAudio2UniversalDevice_p::openSoundLayer(std::string& errorText)
 {
     const bool withCapture = m_captureChannels != 0;
     RtAudio::StreamParameters outputParameters;
@@ -338,7 +389,7 @@ int TAudio2UniversalDevice_p::openSoundLayer(const TAudio2StreamConfiguration& c
     options.priority = 0;
     if (withCapture) {
         inputParameters.deviceId = m_inputDevice;
-        inputParameters.nChannels = static_cast<unsigned>(configuration.captureChannels);
+        inputParameters.nChannels = m_captureChannels;
         inputParameters.firstChannel = 0;
         // Only a duplex stream asks for real-time scheduling.
         options.flags = RTAUDIO_SCHEDULE_REALTIME;

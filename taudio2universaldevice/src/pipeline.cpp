@@ -16,7 +16,6 @@
 #include <webrtc/modules/audio_processing/include/audio_processing.h>
 #include <webrtc/modules/interface/module_common_types.h>
 
-#include <boost/function/function_base.hpp>
 #include <boost/thread/locks.hpp>
 
 #include <algorithm>
@@ -88,10 +87,12 @@ int TAudio2UniversalDevice_p::rtAudioCallback(void* outputBuffer, void* inputBuf
         m_framesLost.fetch_add(nFrames, std::memory_order_relaxed);
         return 0;
     }
-    // Buffers that arrive before openStream() has stored the frame callback
-    // are skipped whole, before they touch the FIFOs.
-    if (m_callback.empty())
-        boost::throw_exception(boost::bad_function_call());
+    // openStream() stores the client before it starts the stream; this is
+    // only a stream being torn down.
+    if (m_callback.empty()) {
+        silence();
+        return 0;
+    }
 
     const uint32_t chunk = m_deviceChunkFrames;
     const int16_t* input = m_captureChannels != 0 ? static_cast<const int16_t*>(inputBuffer) : nullptr;
@@ -175,109 +176,118 @@ void TAudio2UniversalDevice_p::emitPlayback(const int16_t* samples)
 }
 
 // One period: captured holds it at the card's rate (null without capture);
-// its playback goes to the card when there is an output. False
-// when the client's callback failed it (its playback is then silence).
+// its playback goes to the card when there is an output. False when the
+// client's callback failed it (its playback is then silence).
 bool TAudio2UniversalDevice_p::processChunk(const int16_t* captured, bool hasOutput)
 {
-    const bool convert = m_deviceSampleRate != m_sampleRate;
-    const uint32_t block = m_apmFrameSamples;
-    const char* capture = nullptr;
     int captureBytes = 0;
-    if (captured) {
-        if (convert) {
-            size_t produced = 0;
-            m_captureResampler->Push(captured, m_deviceChunkFrames * m_captureChannels,
-                                     reinterpret_cast<int16_t*>(m_resampledCapture.data()),
-                                     m_chunkFrames * m_captureChannels, produced);
-            capture = m_resampledCapture.data();
-            captureBytes = static_cast<int>(m_chunkFrames * m_captureChannels * 2u);
-        } else {
-            capture = reinterpret_cast<const char*>(captured);
-            captureBytes = static_cast<int>(m_deviceChunkFrames * m_captureChannels * 2u);
-        }
-        if (m_captureFile)
-            sf_write_short(m_captureFile, reinterpret_cast<const short*>(capture), m_chunkFrames);
+    const int16_t* capture = captured ? processCapture(captured, captureBytes) : nullptr;
 
-        if (m_useVoicePreprocessor) {
-            const int16_t* samples = reinterpret_cast<const int16_t*>(capture);
-            int16_t* processed = reinterpret_cast<int16_t*>(m_processedCapture.data());
-            for (uint32_t offset = 0; block > 0 && offset < m_chunkFrames; offset += block) {
-                const size_t available = std::min<size_t>(block, m_chunkFrames - offset);
-                m_apm->set_stream_delay_ms(0);
-                webrtc::AudioFrame frame;
-                fillFrame(frame, m_captureFrameId, m_captureTimestamp, samples + offset, available, block,
-                          m_sampleRate);
-                m_apm->ProcessStream(&frame);
-                std::memcpy(processed + offset, frame.data_, available * sizeof(int16_t));
-                ++m_captureFrameId;
-                m_captureTimestamp += static_cast<uint32_t>(m_apmFrameMs);
-            }
-            if (m_captureAecFile)
-                sf_write_short(m_captureAecFile, processed, m_chunkFrames);
-            capture = m_processedCapture.data();
-            // The processed chunk is mono: never promise more than it holds.
-            captureBytes = std::min(captureBytes, static_cast<int>(m_processedCapture.size()));
-        }
-    }
-
-    const int playbackBytes = static_cast<int>(m_chunkFrames * m_clientPlaybackChannels * 2u);
-    if (!m_callback(capture, captureBytes, m_playbackBuffer.data(), playbackBytes, 0)) {
+    const int playbackBytes = static_cast<int>(m_playbackBuffer.size() * sizeof(int16_t));
+    char* playback = reinterpret_cast<char*>(m_playbackBuffer.data());
+    if (!m_callback(reinterpret_cast<const char*>(capture), captureBytes, playback, playbackBytes, 0)) {
         debug("audio2", 8, false) << "TAudio2UniversalDevice_p::rtAudioCallback callback failed playbackBuffer="
-                                  << static_cast<void*>(m_playbackBuffer.data()) << " playbackSize=" << playbackBytes;
+                                  << static_cast<void*>(playback) << " playbackSize=" << playbackBytes;
         if (hasOutput)
             emitPlayback(nullptr);
         return false;
     }
     debug("audio2", 8, false) << "TAudio2UniversalDevice_p::rtAudioCallback callback processed playbackBuffer="
-                              << static_cast<void*>(m_playbackBuffer.data()) << " playbackSize=" << playbackBytes;
+                              << static_cast<void*>(playback) << " playbackSize=" << playbackBytes;
     if (!hasOutput)
         return true;
 
-    const int16_t* source = reinterpret_cast<const int16_t*>(m_playbackBuffer.data());
+    const int16_t* source = m_playbackBuffer.data();
     // A stereo client on a mono output: the left channel is played, the
     // right one dropped rather than mixed.
     if (m_clientPlaybackChannels == 2 && m_playbackChannels == 1) {
-        int16_t* left = reinterpret_cast<int16_t*>(m_playbackLeft.data());
         for (uint32_t i = 0; i < m_chunkFrames; ++i)
-            left[i] = source[2 * i];
-        source = left;
+            m_playbackLeft[i] = source[2 * i];
+        source = m_playbackLeft.data();
     }
-
-    if (m_useVoicePreprocessor) {
-        const uint32_t stride = m_playbackChannels == 2 ? 2 : 1;
-        if (m_playbackFile && m_chunkFrames != 0) {
-            for (uint32_t i = 0; i < m_chunkFrames; ++i) {
-                short sample = source[i * stride];
-                sf_writef_short(m_playbackFile, &sample, 1);
-            }
-        }
-        for (uint32_t offset = 0; block > 0 && offset < m_chunkFrames; offset += block) {
-            const size_t available = std::min<size_t>(block, m_chunkFrames - offset);
-            const int16_t* samples = source + offset * m_playbackChannels;
-            // The far end of a stereo output is what both speakers emit
-            // together: the saturated sum, not the average.
-            if (m_playbackChannels == 2) {
-                for (size_t i = 0; i < available; ++i)
-                    m_reverseMono[i] = TAudio2Node::normalize(samples[2 * i] + samples[2 * i + 1]);
-                samples = m_reverseMono.data();
-            }
-            webrtc::AudioFrame frame;
-            fillFrame(frame, m_reverseFrameId, m_reverseTimestamp, samples, available, block, m_sampleRate);
-            m_apm->AnalyzeReverseStream(&frame);
-            ++m_reverseFrameId;
-            m_reverseTimestamp += static_cast<uint32_t>(m_apmFrameMs);
-        }
-    }
-
-    if (convert) {
+    if (m_useVoicePreprocessor)
+        analyseFarEnd(source);
+    if (m_deviceSampleRate != m_sampleRate) {
         size_t produced = 0;
-        m_playbackResampler->Push(source, m_chunkFrames * m_playbackChannels,
-                                  reinterpret_cast<int16_t*>(m_resampledPlayback.data()),
-                                  m_resampledPlayback.size() / 2, produced);
-        source = reinterpret_cast<const int16_t*>(m_resampledPlayback.data());
+        m_playbackResampler->Push(source, static_cast<size_t>(m_chunkFrames) * m_playbackChannels,
+                                  m_resampledPlayback.data(), m_resampledPlayback.size(), produced);
+        source = m_resampledPlayback.data();
     }
     emitPlayback(source);
     return true;
+}
+
+// One period of capture at the card's rate to what the client gets: at its
+// rate, recorded raw, and through the canceller when voice processing is on.
+const int16_t* TAudio2UniversalDevice_p::processCapture(const int16_t* captured, int& captureBytes)
+{
+    const int16_t* capture = captured;
+    if (m_deviceSampleRate != m_sampleRate) {
+        size_t produced = 0;
+        m_captureResampler->Push(captured, static_cast<size_t>(m_deviceChunkFrames) * m_captureChannels,
+                                 m_resampledCapture.data(), m_resampledCapture.size(), produced);
+        capture = m_resampledCapture.data();
+    }
+    captureBytes = static_cast<int>(static_cast<size_t>(m_chunkFrames) * m_captureChannels * sizeof(int16_t));
+
+    // The canceller takes one microphone: the first channel, the primary
+    // microphone of headsets and arrays. A mix of microphones at different
+    // distances would comb the echo path it has to learn.
+    const int16_t* microphone = capture;
+    if (m_captureChannels > 1) {
+        for (uint32_t i = 0; i < m_chunkFrames; ++i)
+            m_captureMono[i] = capture[static_cast<size_t>(i) * m_captureChannels];
+        microphone = m_captureMono.data();
+    }
+    if (m_captureFile)
+        sf_write_short(m_captureFile, microphone, m_chunkFrames);
+    if (!m_useVoicePreprocessor)
+        return capture;
+
+    const uint32_t block = m_apmFrameSamples;
+    int16_t* processed = m_processedCapture.data();
+    for (uint32_t offset = 0; block > 0 && offset < m_chunkFrames; offset += block) {
+        const size_t available = std::min<size_t>(block, m_chunkFrames - offset);
+        m_apm->set_stream_delay_ms(0);
+        webrtc::AudioFrame frame;
+        fillFrame(frame, m_captureFrameId, m_captureTimestamp, microphone + offset, available, block, m_sampleRate);
+        m_apm->ProcessStream(&frame);
+        std::memcpy(processed + offset, frame.data_, available * sizeof(int16_t));
+        ++m_captureFrameId;
+        m_captureTimestamp += m_apmFrameMs;
+    }
+    if (m_captureAecFile)
+        sf_write_short(m_captureAecFile, processed, m_chunkFrames);
+    // The processed capture is mono, whatever the card delivered.
+    captureBytes = static_cast<int>(m_chunkFrames * sizeof(int16_t));
+    return processed;
+}
+
+// The period about to be played, in the card's layout at the client's rate,
+// to the canceller as its far end, block by block, and to the recording.
+void TAudio2UniversalDevice_p::analyseFarEnd(const int16_t* played)
+{
+    if (m_playbackFile) {
+        for (uint32_t i = 0; i < m_chunkFrames; ++i)
+            sf_writef_short(m_playbackFile, &played[static_cast<size_t>(i) * m_playbackChannels], 1);
+    }
+    const uint32_t block = m_apmFrameSamples;
+    for (uint32_t offset = 0; block > 0 && offset < m_chunkFrames; offset += block) {
+        const size_t available = std::min<size_t>(block, m_chunkFrames - offset);
+        const int16_t* samples = played + static_cast<size_t>(offset) * m_playbackChannels;
+        // The far end of a stereo output is what both speakers emit
+        // together: the saturated sum, not the average.
+        if (m_playbackChannels == 2) {
+            for (size_t i = 0; i < available; ++i)
+                m_reverseMono[i] = TAudio2Node::normalize(samples[2 * i] + samples[2 * i + 1]);
+            samples = m_reverseMono.data();
+        }
+        webrtc::AudioFrame frame;
+        fillFrame(frame, m_reverseFrameId, m_reverseTimestamp, samples, available, block, m_sampleRate);
+        m_apm->AnalyzeReverseStream(&frame);
+        ++m_reverseFrameId;
+        m_reverseTimestamp += m_apmFrameMs;
+    }
 }
 
 } // namespace tamrel

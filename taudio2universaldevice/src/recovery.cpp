@@ -146,7 +146,9 @@ void TAudio2UniversalDevice_p::supervise()
         const int64_t now = nowMs();
 
         const char* reason = nullptr;
-        if (m_streamLost.load())
+        if (m_soundLayerStopped.exchange(false))
+            reason = "the sound layer stopped the stream";
+        else if (m_streamLost.load())
             reason = "the sound layer fails every buffer";
         else if (callbacks == callbacksBefore && strayErrors != strayErrorsBefore && now - streamStartedMs > 250)
             reason = "the sound layer refuses its buffers";
@@ -211,7 +213,7 @@ bool TAudio2UniversalDevice_p::reopen(std::string& errorText)
         boost::lock_guard<boost::mutex> lock(m_mutex);
         m_aecDelay = toldDelayMs;
     }
-    if (negotiated != 0 || openSoundLayer(m_configuration, errorText) != 0)
+    if (negotiated != 0 || openSoundLayer(errorText) != 0)
         return false;
     try {
         setupConverters();

@@ -90,38 +90,34 @@ boost::shared_ptr<TAudio2UniversalDevice> lookUp(unsigned id)
 const unsigned TAudio2UniversalDevice::DEFAULT_SAMPLE_RATE = 16000;
 
 TAudio2UniversalDevice_p::TAudio2UniversalDevice_p(RtAudio::Api api)
-    : m_useVoicePreprocessor(true)
-    , m_rtAudio(api)
-    , m_deviceSampleRate(48000)
-    , m_sampleRate(0)
-    , m_bufferFrames(960)
+    : m_rtAudio(api)
+    , m_api(m_rtAudio.getCurrentApi())
     , m_id(0)
-    , m_aecDelay(0)
+    , m_minPeriodMs(20)
+    , m_apmFrameMs(10)
+    , m_sampleRate(0)
+    , m_deviceSampleRate(48000)
+    , m_periodMs(20)
+    , m_chunkFrames(0)
+    , m_deviceChunkFrames(960)
+    , m_bufferFrames(960)
+    , m_resyncFrames(9600)
     , m_captureChannels(1)
     , m_playbackChannels(1)
-    , m_periodMs(20)
-    , m_deviceChunkFrames(960)
-    , m_chunkFrames(0)
+    , m_clientPlaybackChannels(1)
+    , m_aecDelay(TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY)
+    , m_outputDevice(0)
+    , m_inputDevice(0)
+    , m_useVoicePreprocessor(true)
+    , m_robustEchoCancellation(false)
     , m_apmFrameSamples(0)
-    , m_speexEchoState(nullptr)
-    , m_speexPreprocessState(nullptr)
-    , m_echoTailMs(250)
-    , m_apmFrameMs(10)
-    , m_sampleCounter(0)
-    , m_resyncFrames(0)
-    , m_minPeriodMs(20)
-    , m_captureFile(nullptr)
-    , m_captureAecFile(nullptr)
-    , m_playbackFile(nullptr)
     , m_captureFrameId(0)
     , m_captureTimestamp(0)
     , m_reverseFrameId(0)
     , m_reverseTimestamp(0)
-    , m_clientPlaybackChannels(1)
-    , m_api(m_rtAudio.getCurrentApi())
-    , m_outputDevice(0)
-    , m_inputDevice(0)
-    , m_robustEchoCancellation(false)
+    , m_captureFile(nullptr)
+    , m_captureAecFile(nullptr)
+    , m_playbackFile(nullptr)
     , m_pendingFrames(0)
     , m_directOutput(nullptr)
     , m_playbackLagFrames(0)
@@ -134,6 +130,7 @@ TAudio2UniversalDevice_p::TAudio2UniversalDevice_p(RtAudio::Api api)
     , m_errorsSeen(0)
     , m_buffersWithErrors(0)
     , m_streamLost(false)
+    , m_soundLayerStopped(false)
     , m_recoveries(0)
     , m_streamActive(false)
     , m_supervisorStop(false)
@@ -154,17 +151,12 @@ TAudio2UniversalDevice::TAudio2UniversalDevice(unsigned sampleRate)
     TAudio2UniversalDevice_p::removeRecordings();
 
     d->m_sampleRate = sampleRate;
-    d->m_aecDelay = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
     d->m_chunkFrames = static_cast<uint32_t>(sampleRate * 20u / 1000u);
-
     {
         boost::upgrade_lock<boost::shared_mutex> lock(DevicesMutex);
         d->m_id = DevicesIndexInc++;
     }
-
     debug("audio2", 0, false) << "Using universal device";
-
-    d->m_resyncFrames = d->m_deviceSampleRate * 200u / 1000u;
 }
 
 // Releases the record only; an open stream keeps the device registered, so
@@ -215,8 +207,7 @@ int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, dou
         return -1;
     }
     // Nothing may escape into the sound layer's thread: it would abort the
-    // client. The first buffer can arrive before openStream() has stored
-    // the frame callback; it is skipped and the stream runs on.
+    // client (a throwing frame callback, say); the stream runs on.
     try {
         return TAudio2UniversalDevice_p::of(*device).rtAudioCallback(outputBuffer, inputBuffer, nFrames, streamTime, status);
     } catch (const std::exception& e) {
@@ -227,23 +218,33 @@ int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, dou
     return -1;
 }
 
-void rtAudioError(RtAudioError::Type /*type*/, const std::string& errorText)
+void rtAudioError(RtAudioError::Type type, const std::string& errorText)
 {
     // On a stream's own thread the error is that stream's: a dead server
     // fails every read and write there, and recovery needs to know.
     const auto device = CurrentStreamId != NO_STREAM ? lookUp(CurrentStreamId) : nullptr;
+    TAudio2UniversalDevice_p* p = device ? &TAudio2UniversalDevice_p::of(*device) : nullptr;
     // Once a stream is known lost, and while it is reopened, the sound
     // layer's complaints are expected: the two recovery warnings say what a
-    // user needs, and the rest is there at level 0.
-    const bool expected = ReopeningThread || (device && TAudio2UniversalDevice_p::of(*device).m_streamLost.load());
-    if (expected)
+    // user needs, and the rest is there at level 0, as are its debug notes.
+    const bool expected = ReopeningThread || (p && p->m_streamLost.load());
+    if (expected || type == RtAudioError::DEBUG_WARNING)
         debug("audio2", 0, false) << "Rt audio error: " << errorText;
     else
         warning("audio2", false) << "Rt audio error: " << errorText;
-    if (device)
-        TAudio2UniversalDevice_p::of(*device).soundLayerFailed();
-    else
+    if (type == RtAudioError::DEBUG_WARNING)
+        return;
+    if (!p) {
         UnattributedSoundLayerErrors.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    p->soundLayerFailed();
+    // A warning is one failed read or write; on anything worse RtAudio has
+    // already aborted the stream itself, and it is lost at once.
+    if (type != RtAudioError::WARNING) {
+        p->m_soundLayerStopped.store(true);
+        p->m_streamLost.store(true);
+    }
 }
 
 } // namespace tamrel

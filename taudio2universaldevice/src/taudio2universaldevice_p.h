@@ -8,16 +8,11 @@
 
 #include <rtaudio/RtAudio.h>
 #include <sndfile.h>
-#include <speex/speex_echo.h>
-#include <speex/speex_preprocess.h>
 
 #include <boost/circular_buffer.hpp>
-#include <boost/enable_shared_from_this.hpp>
-#include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/shared_mutex.hpp>
-#include <boost/weak_ptr.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -42,13 +37,17 @@ inline int64_t steadyNowNs()
                std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-class TAudio2UniversalDevice_p : public boost::enable_shared_from_this<TAudio2UniversalDevice_p> {
+// Threads: the client's thread opens and closes; the sound layer's
+// real-time thread runs rtAudioCallback(); the supervisor (recovery.cpp)
+// reopens a lost stream. Each group of members below says who writes it and
+// under which lock. Samples are 16-bit, interleaved where a group says so.
+class TAudio2UniversalDevice_p {
 public:
     explicit TAudio2UniversalDevice_p(RtAudio::Api api);
     ~TAudio2UniversalDevice_p();
 
     static TAudio2UniversalDevice_p& of(TAudio2UniversalDevice& device) { return *device.d; }
-    // For tests: the device's voice-preprocessor flag, which nothing in the library clears.
+    // For tests: the device's voice-processing flag, which nothing in the library clears.
     static bool& voicePreprocessorFlag(TAudio2UniversalDevice& device) { return device.m_hasVoicePreprocessor; }
 
     // Enter or remove a device in the registry below.
@@ -58,13 +57,15 @@ public:
     // One hardware buffer through the duplex pipeline (pipeline.cpp).
     int rtAudioCallback(void* outputBuffer, void* inputBuffer, unsigned nFrames, double streamTime, unsigned status);
 
-    // Steps of openStream() that live beside their own concern.
-    // Device choice, probes, rate choice and buffer sizing (opening.cpp):
-    // 0, or the code openStream() returns; errorText gets the sound layer's reason.
+    // openStream() after its checks (opening.cpp): negotiates, registers,
+    // opens, builds the voice chain and starts; on failure closes what it
+    // opened and unregisters. 0 or the code openStream() returns.
+    int open(TAudio2UniversalDevice& device, const TAudio2StreamConfiguration& configuration,
+             const TAudio2FrameCallback& callback, std::string& errorText);
+    // Device choice, probes, rate choice and buffer sizing (opening.cpp).
     int negotiate(const TAudio2StreamConfiguration& configuration, std::string& errorText);
-    // Opens and starts the sound layer's stream on what negotiate() chose (opening.cpp).
-    int openSoundLayer(const TAudio2StreamConfiguration& configuration, std::string& errorText);
-    void startSoundLayer();                                                       // opening.cpp
+    int openSoundLayer(std::string& errorText);   // opening.cpp, 0 or -4
+    void startSoundLayer();                       // opening.cpp; throws RtAudioError
     // Stops and closes the sound layer's stream; aborts one that stopped delivering (closing.cpp).
     void closeSoundLayer();
     void setupConverters();                                                       // voiceprocessing.cpp
@@ -84,57 +85,64 @@ public:
 
     // Pipeline steps (pipeline.cpp), under m_mutex on the audio thread.
     bool processChunk(const int16_t* captured, bool hasOutput);
+    const int16_t* processCapture(const int16_t* captured, int& captureBytes);
+    void analyseFarEnd(const int16_t* played);
     void emitPlayback(const int16_t* samples);
 
-    boost::function<bool(const char*, int, char*, int, int)> m_callback;
-    boost::weak_ptr<TAudio2Device> m_device;
-    bool m_useVoicePreprocessor;
-    RtAudio m_rtAudio;
-    uint32_t m_deviceSampleRate;
-    uint32_t m_sampleRate;
-    unsigned int m_bufferFrames;   // asked of the sound layer, then what it granted; written under m_mutex
-    unsigned int m_id;             // its address is the sound layer's user pointer
-    boost::shared_ptr<Resampler> m_captureResampler;
-    boost::shared_ptr<Resampler> m_playbackResampler;
+    // Fixed at construction.
+    RtAudio m_rtAudio;               // every call but the stream's own callback under SoundLayerMutex
+    const RtAudio::Api m_api;        // the sound layer m_rtAudio was made for
+    unsigned int m_id;               // registry key; its address is the sound layer's user pointer
+    const uint32_t m_minPeriodMs;    // 20: hardware buffers are never shorter
+    const uint32_t m_apmFrameMs;     // 10: the canceller's block
+
+    // Taken by the audio thread for every buffer; the negotiated facts, the
+    // voice chain and the per-period buffers below are written under it.
     mutable boost::mutex m_mutex;
-    int32_t m_aecDelay;
-    uint32_t m_captureChannels;
-    uint32_t m_playbackChannels;
-    uint32_t m_periodMs;
-    uint32_t m_deviceChunkFrames;
-    uint32_t m_chunkFrames;
-    uint32_t m_apmFrameSamples;
-    SpeexEchoState* m_speexEchoState;
-    SpeexPreprocessState* m_speexPreprocessState;
-    boost::circular_buffer<boost::shared_ptr<std::vector<char>>> m_frameQueue;
-    int32_t m_echoTailMs;
-    int32_t m_apmFrameMs;
-    uint64_t m_sampleCounter;
-    std::vector<char> m_processedCapture;
-    std::vector<char> m_playbackBuffer;
-    std::vector<char> m_resampledCapture;
-    std::vector<char> m_resampledPlayback;
-    std::vector<short> m_reverseMono;
-    std::vector<char> m_playbackLeft;
-    uint32_t m_resyncFrames;
-    uint32_t m_minPeriodMs;
-    SNDFILE* m_captureFile;
-    SNDFILE* m_captureAecFile;
-    SNDFILE* m_playbackFile;
+
+    // The stream's negotiated facts. negotiate() works them out in locals
+    // and writes them together under m_mutex (open, or the supervisor's
+    // reopen); the audio thread and streamInfo() read them under m_mutex.
+    uint32_t m_sampleRate;               // the client's rate, Hz
+    uint32_t m_deviceSampleRate;         // the card's rate, Hz
+    uint32_t m_periodMs;                 // the client's period
+    uint32_t m_chunkFrames;              // frames per period at m_sampleRate
+    uint32_t m_deviceChunkFrames;        // frames per period at m_deviceSampleRate
+    unsigned int m_bufferFrames;         // card frames per buffer: asked, then what the sound layer granted
+    uint32_t m_resyncFrames;             // card frames: a buffer this long is a stall, dropped whole (200 ms)
+    uint32_t m_captureChannels;          // opened on the card and handed on unprocessed; 0: no capture
+    uint32_t m_playbackChannels;         // opened on the card: the client's count, at most the card's
+    uint32_t m_clientPlaybackChannels;   // the client writes this many
+    int32_t m_aecDelay;                  // ms, the echo delay the canceller is told
+    unsigned m_outputDevice;             // the sound layer's device indexes
+    unsigned m_inputDevice;
+
+    // The voice chain, built by openStream() before the stream starts; used
+    // by the audio thread under m_mutex. The converters are rebuilt on a
+    // reopen (the card's rate may change); the canceller and files are kept.
+    bool m_useVoicePreprocessor;         // the device's flag, copied at open
+    bool m_robustEchoCancellation;
     boost::shared_ptr<webrtc::AudioProcessing> m_apm;
-    uint32_t m_captureFrameId;
+    uint32_t m_apmFrameSamples;          // samples per 10 ms block at m_sampleRate
+    uint32_t m_captureFrameId;           // blocks handed to the canceller, each way
     uint32_t m_captureTimestamp;
     uint32_t m_reverseFrameId;
     uint32_t m_reverseTimestamp;
-    uint32_t m_clientPlaybackChannels;
+    boost::shared_ptr<Resampler> m_captureResampler;    // card to client, m_captureChannels
+    boost::shared_ptr<Resampler> m_playbackResampler;   // client to card, m_playbackChannels
+    SNDFILE* m_captureFile;              // raw capture (first channel), processed capture and the
+    SNDFILE* m_captureAecFile;           // playback's left channel: mono at m_sampleRate, one
+    SNDFILE* m_playbackFile;             // period per period
 
-    // The sound layer this record's RtAudio object was made for; fixed at construction.
-    RtAudio::Api m_api;
-    // The devices negotiate() chose; client thread or supervisor, never both.
-    unsigned m_outputDevice;
-    unsigned m_inputDevice;
-    // Whether the current stream runs the robust canceller; set by openStream.
-    bool m_robustEchoCancellation;
+    // Per-period buffers, sized while no callback runs, used by the audio
+    // thread under m_mutex; the callback never resizes them.
+    std::vector<int16_t> m_resampledCapture;    // capture at m_sampleRate, m_captureChannels interleaved
+    std::vector<int16_t> m_captureMono;         // its first channel, when there are more (canceller input)
+    std::vector<int16_t> m_processedCapture;    // the canceller's output: mono at m_sampleRate
+    std::vector<int16_t> m_playbackBuffer;      // the client's playback: m_clientPlaybackChannels at m_sampleRate
+    std::vector<int16_t> m_playbackLeft;        // its left channel, for a stereo client on a mono card
+    std::vector<int16_t> m_reverseMono;         // one 10 ms block of a stereo far end summed to mono
+    std::vector<int16_t> m_resampledPlayback;   // playback at m_deviceSampleRate, m_playbackChannels interleaved
 
     // Carry-over between the sound layer's buffers and whole periods, all at
     // the card's rate. Sized while no stream runs (openStream, recovery), used
@@ -148,6 +156,10 @@ public:
     int16_t* m_directOutput;                          // the card's buffer, when periods bypass the FIFOs
     uint32_t m_playbackLagFrames;
 
+    // The client's callback: stored under m_mutex before the stream starts,
+    // cleared under it by closeStream().
+    TAudio2FrameCallback m_callback;
+
     // Written on the audio thread, read anywhere.
     std::atomic<uint64_t> m_framesCarried;
     std::atomic<uint64_t> m_framesLost;
@@ -160,6 +172,7 @@ public:
     // Set by the audio thread or the supervisor when the stream is lost: from
     // then on the client is not called until the stream is reopened.
     std::atomic<bool> m_streamLost;
+    std::atomic<bool> m_soundLayerStopped;   // an error worse than a warning: RtAudio aborted the stream
     std::atomic<uint64_t> m_recoveries;
 
     // The client's stream, kept for reopening it. Written by openStream

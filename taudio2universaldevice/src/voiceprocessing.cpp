@@ -49,6 +49,23 @@ webrtc::AudioProcessing* createRobustModule()
 
 } // namespace
 
+int TAudio2UniversalDevice::toldDelayMs(const std::string& echoCancellation, int periodMs, unsigned playbackChannels)
+{
+    // Hardware buffers are never shorter than 20 ms.
+    const int64_t period = std::max<int64_t>(20, periodMs);
+    // The robust canceller takes an echo from some 50 ms before to 100 ms
+    // after the told delay; five periods put both PulseAudio's round trip
+    // (8 to 10 periods, the longer on a busy machine) and PipeWire's (2 to 3)
+    // inside that, whatever the output.
+    if (echoCancellation == "robust")
+        return static_cast<int>(std::min<int64_t>(5 * period, INT32_MAX));
+    // A two-channel output goes through the desktop mixer, whose delay is
+    // measured rather than derived from the period.
+    if (playbackChannels == 2)
+        return TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
+    return static_cast<int>(std::min<int64_t>(3 * period, INT32_MAX));
+}
+
 // Rebuilt whenever the card's rate may have changed: at open and when a
 // lost stream is reopened.
 void TAudio2UniversalDevice_p::setupConverters()
@@ -60,9 +77,10 @@ void TAudio2UniversalDevice_p::setupConverters()
                                                    static_cast<int>(m_captureChannels)));
             m_captureResampler->prepare(m_deviceChunkFrames, m_chunkFrames);
         }
-        // Sized for the client's channel layout, as the client delivers it.
+        // Built for what it is fed: the card's layout (a stereo client on a
+        // mono card has been reduced to its left channel by then).
         m_playbackResampler.reset(new Resampler(static_cast<int>(m_sampleRate), static_cast<int>(m_deviceSampleRate),
-                                                static_cast<int>(m_clientPlaybackChannels)));
+                                                static_cast<int>(m_playbackChannels)));
         m_playbackResampler->prepare(m_chunkFrames, m_deviceChunkFrames);
     }
 }
@@ -88,19 +106,8 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
     m_apm->noise_suppression()->Enable(true);
     m_apm->voice_detection()->Enable(false);
 
-    // A two-channel output goes through the desktop mixer, whose delay is
-    // measured rather than derived from the period. The robust canceller
-    // takes an echo from some 60 ms before to 100 ms after the told delay;
-    // five periods put both PulseAudio's round trip (8 to 10 periods, the
-    // longer on a busy machine) and PipeWire's (2 to 3) inside that,
-    // whatever the output.
-    if (robust) {
-        const int64_t period = std::max<int64_t>(m_minPeriodMs, configuration.periodMs);
-        m_aecDelay = static_cast<int32_t>(std::min<int64_t>(5 * period, INT32_MAX));
-    }
-    else if (m_playbackChannels == 2)
-        m_aecDelay = TAudio2DeviceInfo::UNIVERSAL_DEVICE_DELAY;
-
+    m_aecDelay = TAudio2UniversalDevice::toldDelayMs(robust ? "robust" : "standard", configuration.periodMs,
+                                                     m_playbackChannels);
     debug("audio2", 0, false) << "Universal device buffer period=" << m_minPeriodMs
                               << ", pimpl->m_aecDelay=" << static_cast<unsigned>(m_aecDelay);
 
@@ -114,10 +121,8 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
     m_reverseTimestamp = 0;
     m_apmFrameSamples = m_sampleRate * static_cast<uint32_t>(m_apmFrameMs) / 1000u;
 
-    m_processedCapture.resize(2u * m_chunkFrames);
-    m_reverseMono.resize(m_apmFrameSamples);
-    std::fill(m_processedCapture.begin(), m_processedCapture.end(), 0);
-    std::fill(m_reverseMono.begin(), m_reverseMono.end(), 0);
+    m_processedCapture.assign(m_chunkFrames, 0);
+    m_reverseMono.assign(m_apmFrameSamples, 0);
 
     if (configuration.measureAec)
         openRecordings();

@@ -10,6 +10,7 @@ namespace fakecard {
 
 std::atomic<bool> threadStalled{false};
 std::atomic<bool> threadFailing{false};
+std::atomic<bool> threadAborts{false};
 
 Card& card()
 {
@@ -22,6 +23,7 @@ void reset()
     card() = Card();
     threadStalled = false;
     threadFailing = false;
+    threadAborts = false;
 }
 
 std::mutex& cardMutex()
@@ -180,6 +182,11 @@ private:
             const Opened o = opened_;
             std::vector<short> out(o.bufferFrames * o.output.nChannels), in(o.bufferFrames * o.input.nChannels);
             while (running_) {
+                if (threadAborts.exchange(false)) {
+                    if (o.errorCallback)
+                        o.errorCallback(RtAudioError::SYSTEM_ERROR, "fake: the device vanished");
+                    return;
+                }
                 if (!threadStalled) {
                     o.callback(out.data(), o.hasInput ? in.data() : nullptr, o.bufferFrames, 0.0, 0, o.userData);
                     ++delivered_;

@@ -84,6 +84,9 @@ extern std::atomic<bool> threadStalled;
 // script it while another thread (a supervisor reopening a stream) calls it.
 void locked(const std::function<void()>& change);
 extern std::atomic<bool> threadFailing;
+// Set, the stream's thread reports one error worse than a warning (once) and calls
+// back no more, as RtAudio does when it aborts a stream itself.
+extern std::atomic<bool> threadAborts;
 
 // Calls the callback of the most recently opened stream with its user data,
 // as the sound layer's thread would; returns what the callback returned.

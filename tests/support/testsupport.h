@@ -1,66 +1,79 @@
-// Shared fixture for device tests: a fresh fake card, a private home
-// directory for the recordings, and captured log lines.
+// What the device tests share: a scripted card (two-channel speakers and a
+// one-channel microphone, both 48 kHz and the defaults), a private home for
+// the recordings, the warnings a user reads, and a call between a client and
+// the card that the test drives buffer by buffer.
 #pragma once
 
 #include "fakecard.h"
-#include "taudio2universaldevice_p.h"
 
-#include <shared/debugstream.h>
+#include <taudio2universaldevice/taudio2universaldevice.h>
 
 #include <QTemporaryDir>
-#include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace testsupport {
 
-struct LogLine {
-    std::string category;
-    tamrel::LogSeverity severity;
-    int level;
-    std::string text;
-};
-
-// Collects every emitted line while it lives.
-class CapturedLog {
-public:
-    CapturedLog();
-    ~CapturedLog();
-    std::vector<LogLine> lines;
-    bool has(const std::string& text) const;                     // a line equal to text
-    int countStartingWith(const std::string& prefix) const;
-    std::vector<std::string> texts() const;
-    void clear() { lines.clear(); }
-};
-
-// Speakers (index 0, two channels) and a microphone (index 1, one channel),
-// both at 48000 Hz and defaults for their direction.
-void standardCard();
+// Sample `frame` of channel `channel`.
+using Signal = std::function<int16_t(size_t frame, unsigned channel)>;
+// A different value for every frame and channel: a sample lost, repeated,
+// moved or taken from the wrong channel shows.
+int16_t ramp(size_t frame, unsigned channel);
+Signal tone(double hz, double rateHz, double amplitude);
+// Level of the `hz` component of one channel of interleaved samples, as
+// the amplitude of a sine (Goertzel).
+double toneLevel(const std::vector<int16_t>& samples, unsigned channels, unsigned channel, double hz, double rateHz);
+std::vector<int16_t> readWav(const std::string& path, int* rateHz = nullptr, int* channels = nullptr);
 
 class DeviceTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
+    // Closes every device and starts again on the standard card, for the
+    // next row of a table.
+    void fresh();
 
-    boost::shared_ptr<tamrel::TAudio2UniversalDevice> makeDevice(unsigned sampleRate = 16000);
-    static tamrel::TAudio2UniversalDevice_p& rec(tamrel::TAudio2UniversalDevice& device)
-    {
-        return tamrel::TAudio2UniversalDevice_p::of(device);
-    }
-    static tamrel::TAudio2StreamConfiguration config(int sampleRate = 16000, int periodMs = 20, int playbackChannels = 1,
-                                                     int captureChannels = 1);
-    // A frame callback that counts calls and answers `answer`.
-    tamrel::TAudio2FrameCallback counting(bool answer = true);
+    static tamrel::TAudio2StreamConfiguration config(int sampleRate = 16000, int periodMs = 20,
+                                                     int playbackChannels = 1, int captureChannels = 1);
+    // A device the fixture closes at the end; without voice processing when asked.
+    boost::shared_ptr<tamrel::TAudio2UniversalDevice> makeDevice(bool voiceProcessing = true);
+    // Opens `device` (made first when null) for a client that keeps what
+    // it hears and plays `clientPlays`; returns openStream's code.
+    int open(const tamrel::TAudio2StreamConfiguration& c, std::string* error = nullptr);
+    // One buffer of the card's: the microphone hears `microphone` where the
+    // last buffer left off, and what the card is given to play is kept.
+    // Returns what the device answered the sound layer.
+    int deliver(unsigned frames, bool withInput = true, bool withOutput = true);
+    unsigned cardOutputChannels() const { return fakecard::card().opened.output.nChannels; }
+    unsigned cardInputChannels() const { return fakecard::card().opened.input.nChannels; }
+    std::string homeFile(const char* name) const;
+    int warningsStartingWith(const std::string& prefix);
 
-    std::string homePath() const;
-    static bool registered(unsigned id);
+    boost::shared_ptr<tamrel::TAudio2UniversalDevice> device;
+    Signal microphone = ramp;
+    Signal clientPlays = ramp;
+    std::function<bool(int call)> answer;   // what the client returns; true when empty
 
+    // Guarded by `mutex` where the card's own thread calls back.
+    std::mutex mutex;
+    int calls = 0;
+    std::vector<int16_t> heard;      // every capture sample the client got
+    std::vector<int> captureBytes;   // per call
+    std::vector<int> playbackBytes;  // per call
+    std::vector<int16_t> played;     // what the card was given, in its opened layout
+    std::vector<std::string> warnings;
+
+private:
+    int m_clientChannels = 1;
+    size_t m_clientFrames = 0;
+    size_t m_microphoneFrames = 0;
     QTemporaryDir m_home;
     std::string m_oldHome;
-    CapturedLog log;
-    int callbackCalls = 0;
     std::vector<boost::shared_ptr<tamrel::TAudio2UniversalDevice>> m_devices;
 };
 

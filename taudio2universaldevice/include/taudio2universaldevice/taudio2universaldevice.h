@@ -180,6 +180,13 @@ public:
     bool hasVoicePreprocessor() const override;
     void reset() override;
 
+    // The echo delay, in ms, that a stream's canceller is told (what
+    // streamInfo().toldDelayMs shows once it is open): for echoCancellation
+    // "robust", 5 x the period; otherwise UNIVERSAL_DEVICE_DELAY on a
+    // two-channel output and 3 x the period on any other. Periods below
+    // 20 ms count as 20 (the hardware buffer's floor). Any thread.
+    static int toldDelayMs(const std::string& echoCancellation, int periodMs, unsigned playbackChannels);
+
     // A snapshot of the stream; any thread except the frame callback's (it
     // waits for a running callback). Without an open stream: open false and
     // the counters of the last stream.
