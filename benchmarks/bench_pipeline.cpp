@@ -46,7 +46,8 @@ const int CARD_FRAMES = 960;     // 20 ms at 48 kHz
 const int CLIENT_FRAMES = 320;   // 20 ms at 16 kHz
 const int ECHO_MS = 180;
 const int TOLD_MS = 60;          // one output channel, 20 ms period
-const int ROBUST_TOLD_MS = 100;  // robust mode: five periods whatever the output
+// What the device tells robust mode, so the bare reference is told the same.
+const int ROBUST_TOLD_MS = tamrel::TAudio2UniversalDevice::toldDelayMs("robust", 20, 1);
 // The canceller adapts during the first seconds; cost and echo are judged after.
 const int SETTLE_BUFFERS = 150;
 

@@ -77,7 +77,8 @@ class AnalysisTest(unittest.TestCase):
 
 # As taudio2call writes it (tests/test_callsession.cpp holds the same text).
 CALL_RECORD = ('{"rate": 16000, "period_ms": 20, "playback_channels": 2, "capture_channels": 1, '
-               '"told_delay_ms": 100, "aec_mode": "robust", "sound_layer": "Pulse", "card_rate_hz": 48000, '
+               '"told_delay_ms": 100, "aec_mode": "robust", "robust_told_delay_ms": 100, "robust_earliest_ms": 50, '
+               '"sound_layer": "Pulse", "card_rate_hz": 48000, '
                '"granted_buffer_frames": 1024, "last_buffer_frames": 512, "frames_carried": 4294967296, '
                '"frames_lost": 960, "recoveries": 1, "ended": true}\n')
 
@@ -96,7 +97,8 @@ class DiagnosisTest(unittest.TestCase):
                 (float("nan"), 60, "standard", 1, "no echo delay could be measured"),
                 (181.0, 130, "off", 2, "no echo canceller")):
             with self.subTest(delay=delay, told=told, mode=mode):
-                record = {"told_delay_ms": told, "aec_mode": mode, "playback_channels": channels}
+                record = {"told_delay_ms": told, "aec_mode": mode, "playback_channels": channels,
+                          "robust_told_delay_ms": 100, "robust_earliest_ms": 50}
                 line = aec_report.diagnose(delay, record)
                 self.assertTrue(line.startswith("diagnosis: "), line)
                 self.assertIn(expected, line)
@@ -134,7 +136,8 @@ class CommandLineTest(unittest.TestCase):
         for text, diagnosis in ((CALL_RECORD, "\ndiagnosis: echo 120 ms, told 100 ms (robust mode, 2 output "
                                               "channels): +20 ms; within robust mode's reach"),
                                 ("{not json", None), ('{"rate": 16000}', None),
-                                (CALL_RECORD.replace('"robust"', '"loud"'), None)):
+                                (CALL_RECORD.replace('"robust"', '"loud"'), None),
+                                (CALL_RECORD.replace('"robust_told_delay_ms"', '"x"'), None)):
             with self.subTest(text):
                 (self.dir / "call.json").write_text(text)
                 code, out, err = self.run_main(synth_call(seconds=6, far=((0, 6),), near=()), [])

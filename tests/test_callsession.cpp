@@ -171,9 +171,10 @@ TEST(EchoDelay, CallRecordHoldsTheStreamFacts)
     const tamrel::TAudio2UniversalDevice::StreamInfo stream{true, true, "Pulse", 48000, 1024, 512, 20, 320, 960, 100,
                                                             "robust", 4294967296u, 960, 1};
     // The report reads this text (tests/test_aec_report.py holds the same).
-    EXPECT_EQ(callRecordJson({16000, 2, 1, stream, true}),
+    EXPECT_EQ(callRecordJson({16000, 2, 1, stream, 100, true}),
               "{\"rate\": 16000, \"period_ms\": 20, \"playback_channels\": 2, \"capture_channels\": 1, "
-              "\"told_delay_ms\": 100, \"aec_mode\": \"robust\", \"sound_layer\": \"Pulse\", \"card_rate_hz\": 48000, "
+              "\"told_delay_ms\": 100, \"aec_mode\": \"robust\", \"robust_told_delay_ms\": 100, \"robust_earliest_ms\": 50, "
+              "\"sound_layer\": \"Pulse\", \"card_rate_hz\": 48000, "
               "\"granted_buffer_frames\": 1024, \"last_buffer_frames\": 512, \"frames_carried\": 4294967296, "
               "\"frames_lost\": 960, \"recoveries\": 1, \"ended\": true}\n");
 }
@@ -184,8 +185,8 @@ TEST(EchoDelay, VerdictAtTheWindowEdges)
         {145, 130, "standard", Verdict::Cancels}, {185, 130, "standard", Verdict::Cancels},
         {144, 130, "standard", Verdict::UseRobust}, {186, 130, "standard", Verdict::UseRobust},
         {183, 60, "standard", Verdict::UseRobust}, {183, 60, "robust", Verdict::Cancels},
-        {50, 130, "standard", Verdict::UseRobust}, {39, 130, "standard", Verdict::WillNotCancel},
-        {40, 100, "robust", Verdict::Cancels}, {39, 100, "robust", Verdict::WillNotCancel},
+        {50, 130, "standard", Verdict::UseRobust}, {49, 130, "standard", Verdict::WillNotCancel},
+        {50, 100, "robust", Verdict::Cancels}, {49, 100, "robust", Verdict::WillNotCancel},
         {-1, 60, "standard", Verdict::NoEcho}, {145, 130, "off", Verdict::CancellerOff},
     };
     // Robust mode is told five 20 ms periods.

@@ -18,17 +18,15 @@ import numpy as np
 import soundfile as sf
 
 FILES = ("capture.wav", "capture_aec.wav", "playback.wav")
-# Written beside the recordings by taudio2call: the call's configuration and
-# what the device said of its stream, told delay and canceller mode included.
+# Written beside the recordings by taudio2call: the call's configuration, what
+# the device said of its stream (told delay and canceller mode), the delay it
+# would tell robust mode and how much earlier than told robust mode reaches.
+# The last two come from there so that the report holds no copy of those rules.
 CALL_RECORD = "call.json"
 AEC_MODES = ("standard", "robust", "off")
 # The standard canceller removes echo that comes this much later than the delay
 # it is told (README, "Echo delay"); robust mode finds later echoes itself.
 AEC_WINDOW_MS = (15.0, 55.0)
-# Robust mode also takes an echo this much earlier than told, and is told this
-# many periods whatever the output.
-ROBUST_EARLIEST_MS = 60.0
-ROBUST_TOLD_PERIODS = 5
 
 # Digital silence would give infinite levels; clamp below the 16-bit noise floor
 # (one LSB RMS is about -90 dBFS) so empty windows read as "very quiet".
@@ -238,9 +236,12 @@ def read_call_record(directory):
     try:
         with open(path, encoding="utf-8") as f:
             record = json.load(f)
-        usable = int(record["told_delay_ms"]) >= 0 and record["aec_mode"] in AEC_MODES
+        usable = (int(record["told_delay_ms"]) >= 0 and record["aec_mode"] in AEC_MODES
+                  and int(record["robust_told_delay_ms"]) > 0 and int(record["robust_earliest_ms"]) >= 0)
         int(record["playback_channels"])
     except (OSError, ValueError, KeyError, TypeError):
+        # An older taudio2call's record lacks the robust fields: no diagnosis
+        # rather than one from guessed rules.
         return None
     return record if usable else None
 
@@ -251,6 +252,7 @@ def diagnose(delay_ms, record):
     told = int(record["told_delay_ms"])
     mode = record["aec_mode"]
     channels = int(record["playback_channels"])
+    earliest = int(record["robust_earliest_ms"])
     if mode == "off":
         return "diagnosis: the device ran no echo canceller in this call"
     if np.isnan(delay_ms):
@@ -263,12 +265,12 @@ def diagnose(delay_ms, record):
     too_early = (text + "the echo comes before the told delay, which neither mode handles well; "
                  f"try {other}: taudio2call --calibrate measures both")
     if mode == "robust":
-        if late < -ROBUST_EARLIEST_MS:
+        if late < -earliest:
             return too_early
-        return text + "within robust mode's reach (from 60 ms before the told delay on)"
+        return text + f"within robust mode's reach (from {earliest} ms before the told delay on)"
     if low <= delay_ms <= high:
         return text + f"inside the standard window ({low:.0f} to {high:.0f} ms)"
-    if delay_ms < ROBUST_TOLD_PERIODS * max(20, int(record.get("period_ms", 20))) - ROBUST_EARLIEST_MS:
+    if delay_ms < int(record["robust_told_delay_ms"]) - earliest:
         return too_early
     return text + (f"outside the standard window ({low:.0f} to {high:.0f} ms); "
                    "run with --aec robust")

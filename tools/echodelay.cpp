@@ -124,6 +124,8 @@ std::string callRecordJson(const CallRecord& r)
     add("told_delay_ms", std::to_string(s.toldDelayMs));
     // Both are the device's fixed words: nothing in them needs escaping.
     add("aec_mode", "\"" + s.echoCancellation + "\"");
+    add("robust_told_delay_ms", std::to_string(r.robustToldDelayMs));
+    add("robust_earliest_ms", std::to_string(ROBUST_EARLIEST_MS));
     add("sound_layer", "\"" + s.soundLayer + "\"");
     add("card_rate_hz", std::to_string(s.cardRateHz));
     add("granted_buffer_frames", std::to_string(s.grantedBufferFrames));

@@ -18,12 +18,10 @@ namespace call {
 // delay it is told, and little outside (README, "Echo delay").
 const int AEC_WINDOW_EARLIEST_MS = 15;
 const int AEC_WINDOW_LATEST_MS = 55;
-// The robust canceller also takes an echo up to this much earlier than told
-// (told 100 ms, echoes at 44 and 47 ms on PipeWire were cancelled by 45 and
-// 54 to 59 dB).
-const int ROBUST_EARLIEST_MS = 60;
-// Robust mode is told this many periods whatever the output.
-const int ROBUST_TOLD_PERIODS = 5;
+// The robust canceller also takes an echo up to this much earlier than told:
+// measured, reliably from 50 ms before; between 50 and 60 ms before only in
+// some calls, too seldom to advise it.
+const int ROBUST_EARLIEST_MS = 50;
 
 // A linear chirp with soft edges at -12 dBFS, after `leadSeconds` of
 // silence and followed by `tailSeconds` of it, so that an echo up to that
@@ -47,7 +45,7 @@ enum class Verdict { Cancels, UseRobust, WillNotCancel, NoEcho, CancellerOff };
 // Standard mode needs the echo inside its window. Robust mode estimates the
 // delay itself and copes with an echo later than told, or a little earlier;
 // a standard miss is worth robust mode when robust, told `robustToldMs`
-// (ROBUST_TOLD_PERIODS periods), would take the echo.
+// (TAudio2UniversalDevice::toldDelayMs for robust mode), would take the echo.
 Verdict judgeEchoDelay(double roundTripMs, int toldMs, const std::string& mode, int robustToldMs);
 const char* verdictText(Verdict verdict);
 
@@ -60,6 +58,9 @@ struct CallRecord {
     // The stream's facts from the call's last snapshot of an open stream,
     // its counters from the end of the call.
     TAudio2UniversalDevice::StreamInfo stream;
+    // What the device would tell robust mode in this configuration, so that
+    // the report can weigh robust mode without a copy of the device's rule.
+    int robustToldDelayMs = 0;
     bool ended = false;   // false: written while the call runs, the counters still grow
 };
 

@@ -456,11 +456,19 @@ void printSummary(const CallOptions& options, const CallTotals& totals, const Re
     std::cout << std::flush;
 }
 
+// The delay the device tells robust mode in this call's configuration.
+int robustToldMs(const CallOptions& options)
+{
+    return TAudio2UniversalDevice::toldDelayMs("robust", options.periodMs,
+                                               static_cast<unsigned>(options.playbackChannels));
+}
+
 // Beside the recordings, so the report can judge the echo delay it measures
 // against what the device says it told its canceller.
 void writeCallRecord(const CallOptions& options, const TAudio2UniversalDevice::StreamInfo& stream, bool ended)
 {
-    const CallRecord record{options.rate, options.playbackChannels, options.captureChannels, stream, ended};
+    const CallRecord record{options.rate, options.playbackChannels, options.captureChannels, stream,
+                            robustToldMs(options), ended};
     std::ofstream(homeFile(CALL_RECORD_FILE)) << callRecordJson(record);
 }
 
@@ -599,7 +607,7 @@ int calibrateOne(const CallOptions& options)
         std::snprintf(line, sizeof line, "round trip %.0f ms, told %d ms: echo %+.0f ms from the told delay", trip.ms,
                       told, trip.ms - told);
     std::cout << label << line << " (" << mode << " mode) -> "
-              << verdictText(judgeEchoDelay(trip.ms, told, mode, ROBUST_TOLD_PERIODS * std::max(20, options.periodMs))) << std::endl;
+              << verdictText(judgeEchoDelay(trip.ms, told, mode, robustToldMs(options))) << std::endl;
     return EXIT_OK;
 }
 
