@@ -105,11 +105,8 @@ public:
     {
         count(Call::StartStream);
         stream_.state = STREAM_RUNNING;
-        card().streamRunning = true;
         if (card().callbackThreadPauseUs)
             launch(card().callbackThreadPauseUs);
-        if (card().duringStart)
-            card().duringStart();
     }
 
     void stopStream() override
@@ -123,7 +120,6 @@ public:
         }
         halt();
         stream_.state = STREAM_STOPPED;
-        card().streamRunning = false;
     }
 
     void abortStream() override
@@ -131,7 +127,6 @@ public:
         count(Call::AbortStream);
         halt();
         stream_.state = STREAM_STOPPED;
-        card().streamRunning = false;
     }
 
     void closeStream() override
@@ -140,7 +135,6 @@ public:
         halt();
         stream_.state = STREAM_CLOSED;
         card().streamOpen = false;
-        card().streamRunning = false;
     }
 
     void open(RtAudio::StreamParameters* outputParameters, RtAudio::StreamParameters* inputParameters,
@@ -159,7 +153,6 @@ public:
         o.bufferFrames = *bufferFrames;
         o.callback = callback;
         o.userData = userData;
-        o.hasOptions = options != nullptr;
         if (options)
             o.options = *options;
         o.errorCallback = errorCallback;
@@ -170,8 +163,6 @@ public:
             *bufferFrames = card().grantedBufferFrames;
         stream_.state = STREAM_STOPPED;
         card().streamOpen = true;
-        if (card().duringOpen)
-            card().duringOpen();
     }
 
 private:

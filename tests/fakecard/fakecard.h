@@ -38,7 +38,6 @@ struct Opened {
     unsigned bufferFrames = 0;   // as requested, before any change
     RtAudioCallback callback = nullptr;
     void* userData = nullptr;
-    bool hasOptions = false;
     RtAudio::StreamOptions options;
     RtAudioErrorCallback errorCallback = nullptr;
 };
@@ -58,8 +57,6 @@ struct Card {
     // microseconds until it is stopped, closed or destroyed, as the real
     // layer does; 0: no thread, the test delivers.
     unsigned callbackThreadPauseUs = 0;
-    std::function<void()> duringOpen;           // runs inside openStream(), after the stream is open
-    std::function<void()> duringStart;          // runs inside startStream(), after the state change
     // As RtAudio's JACK backend: stopStream() drains, waiting for the
     // stream's thread to call back once more (abortStream() does not wait).
     bool stopWaitsForCallback = false;
@@ -68,7 +65,6 @@ struct Card {
     RtAudio::Api requestedApi = RtAudio::UNSPECIFIED;   // what the last RtAudio was made for
     std::map<Call, int> calls;
     bool streamOpen = false;
-    bool streamRunning = false;
 };
 
 // The one scripted system every RtAudio object of the process sees. It
