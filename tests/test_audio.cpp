@@ -238,6 +238,16 @@ TEST_F(Audio, StallsAndMissingBuffers)
     const auto info = device->streamInfo();
     EXPECT_EQ(info.lastBufferFrames, 960u);
     EXPECT_GT(info.framesCarried, 0u);
+
+    // 200 ms at whatever rate the card runs.
+    fresh();
+    fakecard::card().devices[0].sampleRates = fakecard::card().devices[1].sampleRates = {16000};
+    device = makeDevice(false);
+    ASSERT_EQ(open(config(16000)), 0);
+    EXPECT_EQ(deliver(3200), 0);
+    EXPECT_EQ(deliver(3199), 0);
+    EXPECT_EQ(calls, 9);
+    EXPECT_EQ(device->streamInfo().framesLost, 3200u);
 }
 
 // The three recordings: mono at the client's rate, a period per period;

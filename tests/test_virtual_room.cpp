@@ -70,6 +70,7 @@ struct Room {
     double noiseSnrDb;   // against the near-end talker; 0: none
     bool softClip;       // the loudspeaker saturates before the room
     int changedDelayMs;  // the path changes when the far end speaks again; 0: never
+    bool stereo = false; // two loudspeakers, the far end on both
 };
 
 struct Figures {
@@ -118,8 +119,9 @@ protected:
         size_t spoken = 0;
         microphone = [&](size_t t, unsigned) {
             // What the card played up to the buffer before is known: every echo is later than that.
-            for (; spoken < std::min(total, played.size()); ++spoken) {
-                const float x = played[spoken] / 32768.0f;
+            const size_t channels = room.stereo ? 2 : 1;
+            for (; spoken < std::min(total, played.size() / channels); ++spoken) {
+                const float x = (room.stereo ? (played[2 * spoken] + played[2 * spoken + 1]) / 2.0f : played[spoken]) / 32768.0f;
                 speaker[spoken] = room.softClip ? std::tanh(2.0f * x) / 2.0f : x;
             }
             if (t >= total)
@@ -136,7 +138,7 @@ protected:
         };
         if (mode)
             setenv("TAUDIO2_AEC", mode, 1);
-        const int code = open(config(CLIENT_RATE, 20, 1, 1));
+        const int code = open(config(CLIENT_RATE, 20, room.stereo ? 2 : 1, 1));
         unsetenv("TAUDIO2_AEC");
         EXPECT_EQ(code, 0);
         for (size_t t = 0; t < total; t += 960)
@@ -214,6 +216,7 @@ TEST_F(VirtualRoom, EchoIsCancelledInEveryRoom)
         {"path moves 90->140 ms", 90, 0, false, 140},
         {"reverberant, 60 ms", 60, 0, false, 0},
         {"reverberant, 160 ms", 160, 0, false, 0},
+        {"stereo speakers, 90 ms", 90, 0, false, 0, true},
     };
     for (const Room& room : rooms) {
         SCOPED_TRACE(room.name);
