@@ -91,6 +91,12 @@ TEST_F(Stream, DevicesRatesAndLayouts)
         EXPECT_EQ(o.bufferFrames, row.bufferFrames);
         EXPECT_EQ(o.options.flags, row.inDevice >= 0 ? RTAUDIO_SCHEDULE_REALTIME : 0u);
         EXPECT_EQ(o.options.numberOfBuffers, 0u);
+        const auto info = device->streamInfo();
+        EXPECT_EQ(info.cardRateHz, row.cardRate);
+        EXPECT_EQ(info.grantedBufferFrames, row.bufferFrames);
+        EXPECT_EQ(info.periodMs, unsigned(row.conf.periodMs));
+        EXPECT_EQ(info.framesPerPeriod, unsigned(row.conf.sampleRate * row.conf.periodMs / 1000));
+        EXPECT_EQ(info.cardFramesPerPeriod, row.cardRate * unsigned(row.conf.periodMs) / 1000);
         EXPECT_TRUE(warnings.empty() || row.script) << warnings.front();
         // One look at the devices per open, whatever the choice.
         EXPECT_EQ(fakecard::card().calls[Call::DeviceCount], 1);
