@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <regex>
 
 using namespace tamrel::call;
 using Samples = std::vector<int16_t>;
@@ -115,15 +114,38 @@ TEST(Signals, FarEndLoopsEndsAndMapsChannels)
     }
 }
 
+// Whether `text` holds the pieces of `pattern` (split at '*') in order; a
+// final '$' ties the last piece to the end. (std::regex trips GCC 12's
+// uninitialised-use warning under the sanitizers.)
+bool holds(const std::string& text, std::string pattern)
+{
+    const bool anchored = !pattern.empty() && pattern.back() == '$';
+    if (anchored)
+        pattern.pop_back();
+    std::size_t at = 0;
+    for (std::size_t start = 0;; ) {
+        const std::size_t star = pattern.find('*', start);
+        const std::string piece = pattern.substr(start, star == std::string::npos ? std::string::npos : star - start);
+        const std::size_t found = text.find(piece, at);
+        if (found == std::string::npos)
+            return false;
+        at = found + piece.size();
+        if (star == std::string::npos)
+            return !anchored || at == text.size();
+        start = star + 1;
+    }
+}
+
 TEST(Signals, ClipFilesLoadAtTheCallRateOnly)
 {
-    // Rate 0: no file at all. The error, as a pattern; --rate is offered only for a rate the call could run at.
+    // Rate 0: no file at all. The error, as a pattern (see holds); --rate is offered only for a rate the call could
+    // run at.
     const struct { const char* name; int rate, channels; Samples samples; const char* error; } cases[] = {
-        {"cs_far.wav", 16000, 2, {1, 2, 3, 4, 5, 6}, "^$"},
+        {"cs_far.wav", 16000, 2, {1, 2, 3, 4, 5, 6}, "$"},
         {"cs_cd.wav", 44100, 1, {1, 2}, "cs_cd.wav is at 44100 Hz but the call runs at 16000 Hz; convert the file$"},
         {"cs_wide.wav", 48000, 1, {1, 2}, "48000 Hz but the call runs at 16000 Hz; convert the file or pass --rate 48000$"},
         {"cs_empty.wav", 16000, 1, {}, "cs_empty.wav holds no audio$"},
-        {"cs_absent.wav", 0, 1, {}, "could not read .*cs_absent.wav"},
+        {"cs_absent.wav", 0, 1, {}, "could not read *cs_absent.wav"},
     };
     for (const auto& c : cases) {
         const std::string path = ::testing::TempDir() + c.name;
@@ -136,7 +158,7 @@ TEST(Signals, ClipFilesLoadAtTheCallRateOnly)
         std::string error;
         const bool loaded = loadClip(path, 16000, &clip, &error);
         std::remove(path.c_str());
-        EXPECT_TRUE(std::regex_search(error, std::regex(c.error))) << error;
+        EXPECT_TRUE(holds(error, c.error)) << error;
         EXPECT_EQ(loaded, c.rate == 16000 && !c.samples.empty()) << c.name;
         EXPECT_EQ(clip.samples, loaded ? c.samples : Samples()) << c.name;
         EXPECT_EQ(clip.frames(), loaded ? 3u : 0u) << c.name;
