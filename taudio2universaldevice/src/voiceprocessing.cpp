@@ -99,11 +99,7 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
     m_apm->high_pass_filter()->Enable(true);
     m_apm->echo_cancellation()->enable_drift_compensation(false);
     m_apm->echo_cancellation()->Enable(true);
-    // Robust mode suppresses moderately: in the simulated rooms it keeps
-    // every echo bar and 5 dB more of a near end that talks over the far end
-    // than high suppression does (README, "Echo cancellation modes").
-    m_apm->echo_cancellation()->set_suppression_level(robust ? webrtc::EchoCancellation::kModerateSuppression
-                                                             : webrtc::EchoCancellation::kHighSuppression);
+    m_apm->echo_cancellation()->set_suppression_level(webrtc::EchoCancellation::kHighSuppression);
     m_apm->gain_control()->set_mode(webrtc::GainControl::kFixedDigital);
     m_apm->gain_control()->Enable(true);
     m_apm->noise_suppression()->set_level(webrtc::NoiseSuppression::kHigh);
