@@ -1,16 +1,12 @@
 #include "fakecard.h"
 
-#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 namespace fakecard {
 
-std::atomic<bool> threadStalled{false};
-std::atomic<bool> threadFailing{false};
-std::atomic<bool> threadAborts{false};
+std::atomic<bool> threadStalled{false}, threadFailing{false}, threadAborts{false};
 
 Card& card()
 {
@@ -21,12 +17,10 @@ Card& card()
 void reset()
 {
     card() = Card();
-    threadStalled = false;
-    threadFailing = false;
-    threadAborts = false;
+    threadStalled = threadFailing = threadAborts = false;
 }
 
-std::mutex& cardMutex()
+static std::mutex& cardMutex()
 {
     static std::mutex* const mutex = new std::mutex;
     return *mutex;
@@ -46,36 +40,32 @@ int deliver(void* output, void* input, unsigned frames)
 
 namespace {
 
-void count(Call call)
+void count(Call call, unsigned index = 0)
 {
     std::lock_guard<std::mutex> lock(cardMutex());
     ++card().calls[call];
     const auto it = card().failures.find(call);
-    if (it != card().failures.end() && call != Call::DeviceInfo)
+    if (it != card().failures.end() &&
+        (call != Call::DeviceInfo || card().failingDeviceIndex < 0 || unsigned(card().failingDeviceIndex) == index))
         throw RtAudioError(it->second, RtAudioError::DRIVER_ERROR);
 }
 
 class FakeApi : public RtApi {
 public:
     ~FakeApi() override { halt(); }
-
     RtAudio::Api getCurrentApi() override { return RtAudio::RTAUDIO_DUMMY; }
 
     unsigned int getDeviceCount() override
     {
         count(Call::DeviceCount);
-        return static_cast<unsigned>(card().devices.size());
+        return unsigned(card().devices.size());
     }
 
     RtAudio::DeviceInfo getDeviceInfo(unsigned int index) override
     {
-        count(Call::DeviceInfo);
-        const auto failure = card().failures.find(Call::DeviceInfo);
-        if (failure != card().failures.end() &&
-            (card().failingDeviceIndex < 0 || static_cast<unsigned>(card().failingDeviceIndex) == index))
-            throw RtAudioError(failure->second, RtAudioError::INVALID_USE);
+        count(Call::DeviceInfo, index);
         if (index >= card().devices.size())
-            throw RtAudioError("RtApiFake::getDeviceInfo: device ID is invalid!", RtAudioError::INVALID_USE);
+            throw RtAudioError("fake: device ID is invalid", RtAudioError::INVALID_USE);
         const Device& d = card().devices[index];
         RtAudio::DeviceInfo info;
         info.probed = d.probed;
@@ -89,18 +79,6 @@ public:
         return info;
     }
 
-    unsigned int getDefaultInputDevice() override
-    {
-        count(Call::DefaultInput);
-        return card().defaultInput;
-    }
-
-    unsigned int getDefaultOutputDevice() override
-    {
-        count(Call::DefaultOutput);
-        return card().defaultOutput;
-    }
-
     void startStream() override
     {
         count(Call::StartStream);
@@ -112,12 +90,9 @@ public:
     void stopStream() override
     {
         count(Call::StopStream);
-        if (card().stopWaitsForCallback && thread_.joinable()) {
-            // Bounded here only so that a failing test ends.
-            const unsigned long seen = delivered_;
-            for (int i = 0; i < 5000 && delivered_ == seen; ++i)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        // Bounded only so that a failing test ends.
+        for (unsigned long seen = delivered_, i = 0; thread_.joinable() && delivered_ == seen && i < 5000; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         halt();
         stream_.state = STREAM_STOPPED;
     }
@@ -137,30 +112,14 @@ public:
         card().streamOpen = false;
     }
 
-    void open(RtAudio::StreamParameters* outputParameters, RtAudio::StreamParameters* inputParameters,
-              RtAudioFormat format, unsigned int sampleRate, unsigned int* bufferFrames, RtAudioCallback callback,
-              void* userData, RtAudio::StreamOptions* options, RtAudioErrorCallback errorCallback)
+    void open(RtAudio::StreamParameters* output, RtAudio::StreamParameters* input, RtAudioFormat format,
+              unsigned int rate, unsigned int* frames, RtAudioCallback callback, void* userData,
+              RtAudio::StreamOptions* options, RtAudioErrorCallback errorCallback)
     {
-        Opened o;
-        o.hasOutput = outputParameters != nullptr;
-        if (outputParameters)
-            o.output = *outputParameters;
-        o.hasInput = inputParameters != nullptr;
-        if (inputParameters)
-            o.input = *inputParameters;
-        o.format = format;
-        o.sampleRate = sampleRate;
-        o.bufferFrames = *bufferFrames;
-        o.callback = callback;
-        o.userData = userData;
-        if (options)
-            o.options = *options;
-        o.errorCallback = errorCallback;
-        card().opened = o;
-        opened_ = o;
+        opened_ = Opened{*output, input ? *input : RtAudio::StreamParameters(), input != nullptr, format, rate,
+                         *frames, callback, userData, options ? *options : RtAudio::StreamOptions(), errorCallback};
+        card().opened = opened_;
         count(Call::OpenStream);
-        if (card().grantedBufferFrames)
-            *bufferFrames = card().grantedBufferFrames;
         stream_.state = STREAM_STOPPED;
         card().streamOpen = true;
     }
@@ -173,15 +132,12 @@ private:
             const Opened o = opened_;
             std::vector<short> out(o.bufferFrames * o.output.nChannels), in(o.bufferFrames * o.input.nChannels);
             while (running_) {
-                if (threadAborts.exchange(false)) {
-                    if (o.errorCallback)
-                        o.errorCallback(RtAudioError::SYSTEM_ERROR, "fake: the device vanished");
-                    return;
-                }
+                if (threadAborts.exchange(false))
+                    return o.errorCallback(RtAudioError::SYSTEM_ERROR, "fake: the device vanished");
                 if (!threadStalled) {
                     o.callback(out.data(), o.hasInput ? in.data() : nullptr, o.bufferFrames, 0.0, 0, o.userData);
                     ++delivered_;
-                    if (threadFailing && o.errorCallback)
+                    if (threadFailing)
                         o.errorCallback(RtAudioError::WARNING, "fake: connection terminated");
                 }
                 std::this_thread::sleep_for(std::chrono::microseconds(pauseUs));
@@ -207,52 +163,25 @@ private:
 } // namespace fakecard
 
 // The parts of RtAudio's interface that are not inline in its header.
+RtAudio::RtAudio(RtAudio::Api api) : rtapi_(new fakecard::FakeApi()) { fakecard::card().requestedApi = api; }
+RtAudio::~RtAudio() { delete rtapi_; }
 
-RtAudio::RtAudio(RtAudio::Api api) : rtapi_(new fakecard::FakeApi())
+void RtAudio::openStream(RtAudio::StreamParameters* output, RtAudio::StreamParameters* input, RtAudioFormat format,
+                         unsigned int rate, unsigned int* frames, RtAudioCallback callback, void* userData,
+                         RtAudio::StreamOptions* options, RtAudioErrorCallback errorCallback)
 {
-    fakecard::card().requestedApi = api;
+    static_cast<fakecard::FakeApi*>(rtapi_)->open(output, input, format, rate, frames, callback, userData, options,
+                                                  errorCallback);
 }
 
-RtAudio::~RtAudio()
-{
-    delete rtapi_;
-}
-
-void RtAudio::openStream(RtAudio::StreamParameters* outputParameters, RtAudio::StreamParameters* inputParameters,
-                         RtAudioFormat format, unsigned int sampleRate, unsigned int* bufferFrames,
-                         RtAudioCallback callback, void* userData, RtAudio::StreamOptions* options,
-                         RtAudioErrorCallback errorCallback)
-{
-    static_cast<fakecard::FakeApi*>(rtapi_)->open(outputParameters, inputParameters, format, sampleRate, bufferFrames,
-                                                  callback, userData, options, errorCallback);
-}
-
-RtApi::RtApi() : showWarnings_(true), firstErrorOccurred_(false)
-{
-    stream_.state = STREAM_CLOSED;
-    stream_.mode = UNINITIALIZED;
-}
-
+RtApi::RtApi() : showWarnings_(true), firstErrorOccurred_(false) { stream_.state = STREAM_CLOSED; }
 RtApi::~RtApi() = default;
-
 unsigned int RtApi::getDefaultInputDevice() { return 0; }
 unsigned int RtApi::getDefaultOutputDevice() { return 0; }
 void RtApi::closeStream() {}
 double RtApi::getStreamTime() { return 0.0; }
 void RtApi::setStreamTime(double) {}
-
-bool RtApi::probeDeviceOpen(unsigned int, StreamMode, unsigned int, unsigned int, unsigned int, RtAudioFormat,
-                            unsigned int*, RtAudio::StreamOptions*)
-{
-    return FAILURE;
-}
-
-std::string RtAudio::getApiName(RtAudio::Api api)
-{
-    return api == RtAudio::RTAUDIO_DUMMY ? "dummy" : "fake";
-}
-
-std::string RtAudio::getApiDisplayName(RtAudio::Api api)
-{
-    return api == RtAudio::RTAUDIO_DUMMY ? "Dummy" : "Fake";
-}
+bool RtApi::probeDeviceOpen(unsigned, StreamMode, unsigned, unsigned, unsigned, RtAudioFormat, unsigned*,
+                            RtAudio::StreamOptions*) { return FAILURE; }
+std::string RtAudio::getApiName(RtAudio::Api api) { return api == RtAudio::RTAUDIO_DUMMY ? "dummy" : "fake"; }
+std::string RtAudio::getApiDisplayName(RtAudio::Api api) { return api == RtAudio::RTAUDIO_DUMMY ? "Dummy" : "Fake"; }

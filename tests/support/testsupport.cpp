@@ -7,6 +7,7 @@
 #include <boost/make_shared.hpp>
 #include <sndfile.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -26,15 +27,15 @@ Signal tone(double hz, double rateHz, double amplitude)
 
 double toneLevel(const std::vector<int16_t>& samples, unsigned channels, unsigned channel, double hz, double rateHz)
 {
-    const double w = 2 * M_PI * hz / rateHz;
+    const double c = 2 * std::cos(2 * M_PI * hz / rateHz);
     double s1 = 0, s2 = 0;
     size_t n = 0;
     for (size_t i = channel; i < samples.size(); i += channels, ++n) {
-        const double s = samples[i] + 2 * std::cos(w) * s1 - s2;
+        const double s = samples[i] + c * s1 - s2;
         s2 = s1;
         s1 = s;
     }
-    return n ? 2 * std::sqrt(s1 * s1 + s2 * s2 - 2 * std::cos(w) * s1 * s2) / double(n) : 0;
+    return n ? 2 * std::sqrt(s1 * s1 + s2 * s2 - c * s1 * s2) / double(n) : 0;
 }
 
 std::vector<int16_t> readWav(const std::string& path, int* rateHz, int* channels)
@@ -63,13 +64,11 @@ void DeviceTest::fresh()
     fakecard::Card& c = fakecard::card();
     c.devices = {fakecard::Device{"Speakers", 2, 0, 0, {44100, 48000}},
                  fakecard::Device{"Microphone", 0, 1, 0, {16000, 44100, 48000}}};
-    c.defaultOutput = 0;
     c.defaultInput = 1;
     std::lock_guard<std::mutex> lock(mutex);
     calls = 0;
     heard.clear();
     captureBytes.clear();
-    playbackBytes.clear();
     played.clear();
     warnings.clear();
     m_clientFrames = m_microphoneFrames = 0;
@@ -78,16 +77,14 @@ void DeviceTest::fresh()
 void DeviceTest::SetUp()
 {
     fresh();
-    const char* home = std::getenv("HOME");
-    m_oldHome = home ? home : "";
     ASSERT_TRUE(m_home.isValid());
     setenv("HOME", m_home.path().toUtf8().constData(), 1);
     tamrel::DebugStream::resetLevels();
     tamrel::DebugStream::setSink([this](const tamrel::LogRecord& r) {
-        if (r.severity == tamrel::LogSeverity::Warning) {
-            std::lock_guard<std::mutex> lock(mutex);
-            warnings.emplace_back(r.text);
-        }
+        if (r.severity != tamrel::LogSeverity::Warning)
+            return;
+        std::lock_guard<std::mutex> lock(mutex);
+        warnings.emplace_back(r.text);
     });
 }
 
@@ -95,18 +92,12 @@ void DeviceTest::TearDown()
 {
     fresh();
     tamrel::DebugStream::setSink(tamrel::LogSink());
-    setenv("HOME", m_oldHome.c_str(), 1);
 }
 
 tamrel::TAudio2StreamConfiguration DeviceTest::config(int sampleRate, int periodMs, int playbackChannels,
-                                                      int captureChannels)
+                                                      int captureChannels, bool measureAec)
 {
-    tamrel::TAudio2StreamConfiguration c;
-    c.sampleRate = sampleRate;
-    c.periodMs = periodMs;
-    c.playbackChannels = playbackChannels;
-    c.captureChannels = captureChannels;
-    return c;
+    return {sampleRate, "", "", periodMs, playbackChannels, captureChannels, measureAec};
 }
 
 boost::shared_ptr<tamrel::TAudio2UniversalDevice> DeviceTest::makeDevice(bool voiceProcessing)
@@ -126,16 +117,13 @@ int DeviceTest::open(const tamrel::TAudio2StreamConfiguration& c, std::string* e
         std::lock_guard<std::mutex> lock(mutex);
         const int call = calls++;
         captureBytes.push_back(cBytes);
-        playbackBytes.push_back(pBytes);
-        if (capture) {
-            const int16_t* s = reinterpret_cast<const int16_t*>(capture);
-            heard.insert(heard.end(), s, s + cBytes / 2);
-        }
+        if (capture)
+            heard.insert(heard.end(), reinterpret_cast<const int16_t*>(capture),
+                         reinterpret_cast<const int16_t*>(capture) + cBytes / 2);
         int16_t* out = reinterpret_cast<int16_t*>(playback);
-        const size_t frames = static_cast<size_t>(pBytes) / 2 / static_cast<size_t>(std::max(1, m_clientChannels));
-        for (size_t f = 0; f < frames; ++f, ++m_clientFrames)
-            for (int ch = 0; ch < m_clientChannels; ++ch)
-                out[f * m_clientChannels + ch] = clientPlays(m_clientFrames, static_cast<unsigned>(ch));
+        for (int i = 0; i < pBytes / 2; ++i)
+            out[i] = clientPlays(m_clientFrames + size_t(i / m_clientChannels), unsigned(i % m_clientChannels));
+        m_clientFrames += size_t(pBytes / 2 / m_clientChannels);
         return answer ? answer(call) : true;
     }, error);
 }
@@ -143,11 +131,10 @@ int DeviceTest::open(const tamrel::TAudio2StreamConfiguration& c, std::string* e
 int DeviceTest::deliver(unsigned frames, bool withInput, bool withOutput)
 {
     const unsigned in = std::max(1u, cardInputChannels()), out = std::max(1u, cardOutputChannels());
-    std::vector<int16_t> input(static_cast<size_t>(frames) * in);
-    for (size_t f = 0; f < frames; ++f, ++m_microphoneFrames)
-        for (unsigned ch = 0; ch < in; ++ch)
-            input[f * in + ch] = microphone(m_microphoneFrames, ch);
-    std::vector<int16_t> output(static_cast<size_t>(frames) * out, 0x7777);
+    std::vector<int16_t> input(size_t(frames) * in), output(size_t(frames) * out, 0x7777);
+    for (size_t i = 0; i < input.size(); ++i)
+        input[i] = microphone(m_microphoneFrames + i / in, unsigned(i % in));
+    m_microphoneFrames += frames;
     const int result = fakecard::deliver(withOutput ? output.data() : nullptr, withInput ? input.data() : nullptr,
                                          frames);
     if (withOutput)
@@ -155,18 +142,11 @@ int DeviceTest::deliver(unsigned frames, bool withInput, bool withOutput)
     return result;
 }
 
-std::string DeviceTest::homeFile(const char* name) const
-{
-    return m_home.path().toStdString() + "/" + name;
-}
-
 int DeviceTest::warningsStartingWith(const std::string& prefix)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    int n = 0;
-    for (const auto& w : warnings)
-        n += w.compare(0, prefix.size(), prefix) == 0;
-    return n;
+    return int(std::count_if(warnings.begin(), warnings.end(),
+                             [&](const std::string& w) { return w.compare(0, prefix.size(), prefix) == 0; }));
 }
 
 } // namespace testsupport

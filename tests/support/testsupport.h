@@ -1,7 +1,7 @@
 // What the device tests share: a scripted card (two-channel speakers and a
-// one-channel microphone, both 48 kHz and the defaults), a private home for
-// the recordings, the warnings a user reads, and a call between a client and
-// the card that the test drives buffer by buffer.
+// one-channel microphone, both the defaults), a private home for the
+// recordings, the warnings a user reads, and a client the test drives
+// buffer by buffer.
 #pragma once
 
 #include "fakecard.h"
@@ -25,8 +25,7 @@ using Signal = std::function<int16_t(size_t frame, unsigned channel)>;
 // moved or taken from the wrong channel shows.
 int16_t ramp(size_t frame, unsigned channel);
 Signal tone(double hz, double rateHz, double amplitude);
-// Level of the `hz` component of one channel of interleaved samples, as
-// the amplitude of a sine (Goertzel).
+// Amplitude of the `hz` component of one channel of interleaved samples (Goertzel).
 double toneLevel(const std::vector<int16_t>& samples, unsigned channels, unsigned channel, double hz, double rateHz);
 std::vector<int16_t> readWav(const std::string& path, int* rateHz = nullptr, int* channels = nullptr);
 
@@ -34,29 +33,27 @@ class DeviceTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-    // Closes every device and starts again on the standard card, for the
-    // next row of a table.
+    // Closes every device and starts again on the standard card: the next row of a table.
     void fresh();
 
     static tamrel::TAudio2StreamConfiguration config(int sampleRate = 16000, int periodMs = 20,
-                                                     int playbackChannels = 1, int captureChannels = 1);
-    // A device the fixture closes at the end; without voice processing when asked.
+                                                     int playbackChannels = 1, int captureChannels = 1,
+                                                     bool measureAec = false);
+    // A device closed at the end; without voice processing when asked.
     boost::shared_ptr<tamrel::TAudio2UniversalDevice> makeDevice(bool voiceProcessing = true);
-    // Opens `device` (made first when null) for a client that keeps what
-    // it hears and plays `clientPlays`; returns openStream's code.
+    // Opens `device` (made when null) for a client that keeps what it hears
+    // and plays `clientPlays`; returns openStream's code.
     int open(const tamrel::TAudio2StreamConfiguration& c, std::string* error = nullptr);
     // One buffer of the card's: the microphone hears `microphone` where the
     // last buffer left off, and what the card is given to play is kept.
-    // Returns what the device answered the sound layer.
     int deliver(unsigned frames, bool withInput = true, bool withOutput = true);
     unsigned cardOutputChannels() const { return fakecard::card().opened.output.nChannels; }
     unsigned cardInputChannels() const { return fakecard::card().opened.input.nChannels; }
-    std::string homeFile(const char* name) const;
+    std::string homeFile(const char* name) const { return m_home.path().toStdString() + "/" + name; }
     int warningsStartingWith(const std::string& prefix);
 
     boost::shared_ptr<tamrel::TAudio2UniversalDevice> device;
-    Signal microphone = ramp;
-    Signal clientPlays = ramp;
+    Signal microphone = ramp, clientPlays = ramp;
     std::function<bool(int call)> answer;   // what the client returns; true when empty
 
     // Guarded by `mutex` where the card's own thread calls back.
@@ -64,16 +61,13 @@ protected:
     int calls = 0;
     std::vector<int16_t> heard;      // every capture sample the client got
     std::vector<int> captureBytes;   // per call
-    std::vector<int> playbackBytes;  // per call
     std::vector<int16_t> played;     // what the card was given, in its opened layout
     std::vector<std::string> warnings;
 
 private:
     int m_clientChannels = 1;
-    size_t m_clientFrames = 0;
-    size_t m_microphoneFrames = 0;
+    size_t m_clientFrames = 0, m_microphoneFrames = 0;
     QTemporaryDir m_home;
-    std::string m_oldHome;
     std::vector<boost::shared_ptr<tamrel::TAudio2UniversalDevice>> m_devices;
 };
 
