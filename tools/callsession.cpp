@@ -100,6 +100,7 @@ bool validate(const CallOptions& o, std::string* error)
 
 const char* const API_VARIABLE = "TAUDIO2_API";
 const char* const AEC_MODE_VARIABLE = "TAUDIO2_AEC";
+const char* const LATENCY_VARIABLE = "TAUDIO2_LATENCY";
 
 ParseResult parseCallOptions(const QStringList& arguments)
 {
@@ -128,8 +129,11 @@ ParseResult parseCallOptions(const QStringList& arguments)
         {"aec", "Echo canceller mode: standard or robust (sets TAUDIO2_AEC for this call).", "MODE"},
         {"api", "Sound layer: jack, pulseaudio or alsa (sets TAUDIO2_API for this run; with neither, "
                 "RtAudio takes the first of them that has a device).", "LAYER"},
-        {"calibrate", "Play a short probe with one and with two output channels, measure the echo's round trip "
-                      "and tell whether the canceller can remove it (rewrites the recordings in $HOME)."},
+        {"latency", "Playback queue: default (the server's) or low (a short one on PulseAudio; sets "
+                    "TAUDIO2_LATENCY for this run).", "LATENCY"},
+        {"calibrate", "Play a short probe with one and with two output channels, at default and low latency "
+                      "(or the --latency given), measure the echo's round trip and tell whether the canceller "
+                      "can remove it (rewrites the recordings in $HOME)."},
     });
 
     ParseResult result;
@@ -162,6 +166,11 @@ ParseResult parseCallOptions(const QStringList& arguments)
     o.aecMode = parser.value("aec").toStdString();
     o.calibrate = parser.isSet("calibrate");
     o.api = parser.value("api").toStdString();
+    o.latency = parser.value("latency").toStdString();
+    if (parser.isSet("latency") && o.latency != "default" && o.latency != "low") {
+        result.message = "--latency must be default or low (got \"" + o.latency + "\")";
+        return result;
+    }
     // Checked here, not in validate(): --list uses the layer too.
     if (parser.isSet("api") && o.api != "jack" && o.api != "pulseaudio" && o.api != "alsa") {
         result.message = "--api must be jack, pulseaudio or alsa (got \"" + o.api + "\")";

@@ -24,6 +24,7 @@ const double DEFAULT_TONE_DBFS = -12.0;
 // a stream opens (the canceller's mode); the options set them for the call.
 extern const char* const API_VARIABLE;
 extern const char* const AEC_MODE_VARIABLE;
+extern const char* const LATENCY_VARIABLE;
 
 // Exit statuses of the program.
 enum ExitStatus {
@@ -48,6 +49,7 @@ struct CallOptions {
     double durationSeconds = 0;  // 0: until interrupted
     std::string aecMode;         // "standard" or "robust"; empty leaves the environment as it is
     std::string api;             // "jack", "pulseaudio" or "alsa"; empty leaves the environment as it is
+    std::string latency;         // "default" or "low"; empty leaves the environment as it is
     bool calibrate = false;      // measure the echo delay instead of making a call
 };
 

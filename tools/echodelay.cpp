@@ -129,6 +129,7 @@ std::string callRecordJson(const CallRecord& r)
     add("sound_layer", "\"" + s.soundLayer + "\"");
     add("card_rate_hz", std::to_string(s.cardRateHz));
     add("granted_buffer_frames", std::to_string(s.grantedBufferFrames));
+    add("playback_queue_buffers", std::to_string(s.playbackQueueBuffers));
     add("last_buffer_frames", std::to_string(s.lastBufferFrames));
     add("frames_carried", std::to_string(s.framesCarried));
     add("frames_lost", std::to_string(s.framesLost));

@@ -589,7 +589,10 @@ int calibrateOne(const CallOptions& options)
     if (StopRequested.load())
         return fail("calibration stopped", EXIT_OK);
 
-    const std::string label = options.playbackChannels == 1 ? "1 output channel:  " : "2 output channels: ";
+    // A low latency the server was left alone with is said so: its round trip is the default one.
+    const std::string label = std::string(options.playbackChannels == 1 ? "1 output channel,  " : "2 output channels, ")
+        + (options.latency != "low" ? "default latency: "
+                                    : opened.playbackQueueBuffers ? "low latency:     " : "low (not applied): ");
     if (!source.finished())
         return fail(label + "the stream stalled before the probe had played");
     Clip played, heard;
@@ -616,14 +619,20 @@ int runCalibration(const CallOptions& options)
     std::cout << "calibration at " << options.rate << " Hz, " << options.periodMs
               << " ms period; the standard canceller needs the echo " << AEC_WINDOW_EARLIEST_MS << " to "
               << AEC_WINDOW_LATEST_MS << " ms after the told delay" << std::endl;
-    for (int channels : {1, 2}) {
-        CallOptions probeCall = options;
-        probeCall.playbackChannels = channels;
-        probeCall.captureChannels = 1;
-        probeCall.measureAec = true;
-        const int status = calibrateOne(probeCall);
-        if (status != EXIT_OK || StopRequested.load())
-            return status;
+    const std::vector<std::string> latencies =
+        options.latency.empty() ? std::vector<std::string>{"default", "low"} : std::vector<std::string>{options.latency};
+    for (const std::string& latency : latencies) {
+        setenv(LATENCY_VARIABLE, latency.c_str(), 1);
+        for (int channels : {1, 2}) {
+            CallOptions probeCall = options;
+            probeCall.latency = latency;
+            probeCall.playbackChannels = channels;
+            probeCall.captureChannels = 1;
+            probeCall.measureAec = true;
+            const int status = calibrateOne(probeCall);
+            if (status != EXIT_OK || StopRequested.load())
+                return status;
+        }
     }
     std::cout << "the recordings of the last probe are in " << QDir::homePath().toStdString() << std::endl;
     return EXIT_OK;
@@ -660,6 +669,8 @@ int main(int argc, char** argv)
     }
     if (!parsed.options.aecMode.empty())
         setenv(AEC_MODE_VARIABLE, parsed.options.aecMode.c_str(), 1);
+    if (!parsed.options.latency.empty())
+        setenv(LATENCY_VARIABLE, parsed.options.latency.c_str(), 1);
     installStopHandlers();
     return parsed.options.calibrate ? runCalibration(parsed.options) : runCall(parsed.options);
 }

@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -16,6 +18,34 @@ namespace tamrel {
 namespace {
 
 const unsigned NO_DEVICE = 0xFFFFFFFF;
+
+// The playback queue of a low-latency stream, in buffers. RtAudio asks
+// PulseAudio for no queue length of its own unless given a number of
+// buffers, and the server's default queue adds about 100 ms to each way of a
+// call. Two buffers round-trip as fast as three; three leave a buffer of
+// headroom for a busy machine.
+const unsigned LOW_LATENCY_BUFFERS = 3;
+
+// TAUDIO2_LATENCY, read at every open: the playback queue to ask of the
+// server, 0 for the server's own choice. Only PulseAudio itself gains from
+// a short queue; PipeWire's service keeps its own short one whatever it is
+// asked, and JACK and ALSA have no such queue.
+unsigned playbackQueueBuffers(RtAudio::Api api)
+{
+    const char* latency = std::getenv("TAUDIO2_LATENCY");
+    if (!latency || std::strcmp(latency, "default") == 0)
+        return 0;
+    if (std::strcmp(latency, "low") != 0) {
+        warning("audio2", false) << "TAUDIO2_LATENCY=" << latency << " is not a latency (default, low); using default";
+        return 0;
+    }
+    if (api != RtAudio::LINUX_PULSE || askPulseServer().pipeWire) {
+        debug("audio2", 0, false) << "In universal device TAUDIO2_LATENCY=low leaves the queue to "
+                                  << RtAudio::getApiDisplayName(api);
+        return 0;
+    }
+    return LOW_LATENCY_BUFFERS;
+}
 
 bool lists(const std::vector<unsigned int>& rates, unsigned rate)
 {
@@ -174,9 +204,11 @@ int TAudio2UniversalDevice_p::open(TAudio2UniversalDevice& device, const TAudio2
     int result = negotiate(configuration, errorText);
     if (result != 0)
         return result;
+    const unsigned queueBuffers = playbackQueueBuffers(m_api);
     {
         boost::lock_guard<boost::mutex> lock(m_mutex);
         m_useVoicePreprocessor = device.m_hasVoicePreprocessor;
+        m_playbackQueueBuffers = queueBuffers;
     }
 
     registerDevice(device);
@@ -385,7 +417,7 @@ int TAudio2UniversalDevice_p::openSoundLayer(std::string& errorText)
     RtAudio::StreamParameters inputParameters;
     RtAudio::StreamOptions options;
     options.flags = 0;
-    options.numberOfBuffers = 0;
+    options.numberOfBuffers = m_playbackQueueBuffers;
     options.priority = 0;
     if (withCapture) {
         inputParameters.deviceId = m_inputDevice;

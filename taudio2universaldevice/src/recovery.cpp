@@ -12,9 +12,6 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include <dlfcn.h>
-#include <pulse/context.h>
-#include <pulse/introspect.h>
-#include <pulse/mainloop.h>
 
 #include <algorithm>
 #include <chrono>
@@ -40,47 +37,6 @@ const int BACKOFF_MS[] = {100, 200, 400, 500};
 int64_t nowMs()
 {
     return steadyNowNs() / 1000000;
-}
-
-// Whether a PulseAudio server (or PipeWire's) answers and has a default sink
-// and source. RtAudio 5.2 lists a server's devices by copying the default
-// names without looking, and crashes on a server that has none yet, as a
-// restarted one has until its devices are loaded: it is asked only after
-// this says yes. Gives up after a second.
-bool pulseServerReady()
-{
-    pa_mainloop* loop = pa_mainloop_new();
-    pa_context* context = loop ? pa_context_new(pa_mainloop_get_api(loop), "taudio2 recovery") : nullptr;
-    enum { WAITING, READY, NOT_READY } answer = WAITING;
-    if (context && pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0) {
-        bool asked = false;
-        for (const int64_t deadline = nowMs() + 1000; answer == WAITING && nowMs() < deadline;) {
-            if (pa_mainloop_iterate(loop, 0, nullptr) < 0)
-                break;
-            const pa_context_state_t state = pa_context_get_state(context);
-            if (!PA_CONTEXT_IS_GOOD(state))
-                break;
-            if (state == PA_CONTEXT_READY && !asked) {
-                asked = true;
-                pa_operation* query = pa_context_get_server_info(
-                    context,
-                    [](pa_context*, const pa_server_info* info, void* result) {
-                        *static_cast<decltype(answer)*>(result) =
-                            info && info->default_sink_name && info->default_source_name ? READY : NOT_READY;
-                    },
-                    &answer);
-                if (query)
-                    pa_operation_unref(query);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        pa_context_disconnect(context);
-    }
-    if (context)
-        pa_context_unref(context);
-    if (loop)
-        pa_mainloop_free(loop);
-    return answer == READY;
 }
 
 // PipeWire's JACK library tells a new client the configured quantum, then
@@ -195,7 +151,7 @@ bool TAudio2UniversalDevice_p::reopen(std::string& errorText)
         ~WarningsBack() { rtAudio.showWarnings(true); }
     } warningsBack{m_rtAudio};
     closeSoundLayer();
-    if (m_api == RtAudio::LINUX_PULSE && !pulseServerReady())
+    if (m_api == RtAudio::LINUX_PULSE && !askPulseServer().hasDefaults)
         return false;
     {
         // A server that is down lists no devices: nothing to negotiate with.

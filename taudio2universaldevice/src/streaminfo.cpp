@@ -25,6 +25,7 @@ TAudio2UniversalDevice::StreamInfo TAudio2UniversalDevice::streamInfo() const
     info.framesPerPeriod = p.m_chunkFrames;
     info.cardFramesPerPeriod = p.m_deviceChunkFrames;
     info.toldDelayMs = p.m_aecDelay;
+    info.playbackQueueBuffers = p.m_playbackQueueBuffers;
     info.echoCancellation = !p.m_useVoicePreprocessor ? "off" : p.m_robustEchoCancellation ? "robust" : "standard";
     return info;
 }

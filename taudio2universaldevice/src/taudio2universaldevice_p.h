@@ -37,6 +37,18 @@ inline int64_t steadyNowNs()
                std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
+// What a PulseAudio server (or PipeWire's PulseAudio service) says of
+// itself (soundserver.cpp); all false when none answers within a second.
+struct PulseServerInfo {
+    bool answered = false;
+    // RtAudio 5.2 lists a server's devices by copying the default names
+    // without looking, and crashes on a server that has none yet, as a
+    // restarted one has until its devices are loaded.
+    bool hasDefaults = false;
+    bool pipeWire = false;   // PipeWire's service, not PulseAudio itself
+};
+PulseServerInfo askPulseServer();
+
 // Threads: the client's thread opens and closes; the sound layer's
 // real-time thread runs rtAudioCallback(); the supervisor (recovery.cpp)
 // reopens a lost stream. Each group of members below says who writes it and
@@ -114,6 +126,7 @@ public:
     uint32_t m_playbackChannels;         // opened on the card: the client's count, at most the card's
     uint32_t m_clientPlaybackChannels;   // the client writes this many
     int32_t m_aecDelay;                  // ms, the echo delay the canceller is told
+    unsigned m_playbackQueueBuffers;     // playback queue asked of the server; 0: the server's choice
     unsigned m_outputDevice;             // the sound layer's device indexes
     unsigned m_inputDevice;
 

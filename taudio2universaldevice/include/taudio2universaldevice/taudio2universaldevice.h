@@ -76,6 +76,15 @@ class TAudio2UniversalDevice_p;
 //                 the order JACK, PulseAudio, ALSA: JACK whenever a JACK
 //                 server answers, which PipeWire's JACK library always does.
 //                 Another value: one warning naming it, then the default.
+//   TAUDIO2_LATENCY  read at every openStream(). Unset or "default": the
+//                 sound server chooses its playback queue. "low": on
+//                 PulseAudio itself, the stream asks for a queue of three
+//                 buffers (streamInfo().playbackQueueBuffers), which
+//                 shortens the round trip and with it the echo delay, at
+//                 the price of less headroom on a busy machine; PipeWire's
+//                 PulseAudio service, JACK and ALSA are left as they are
+//                 (the request is not an error there). Another value: one
+//                 warning naming it, then "default".
 //   TAMREL_LOG    logging: warnings go to stderr in the category "audio2";
 //                 "audio2=0" adds lifecycle lines, "audio2=8" per-buffer
 //                 traces, "audio2=-1" silences it.
@@ -126,6 +135,7 @@ public:
         unsigned framesPerPeriod = 0;       // at the client's rate
         unsigned cardFramesPerPeriod = 0;   // at the card's rate
         int toldDelayMs = 0;                // echo delay the canceller is told
+        unsigned playbackQueueBuffers = 0;  // playback queue asked of the server; 0: its own choice
         std::string echoCancellation;       // "standard", "robust" or "off"
         uint64_t framesCarried = 0;         // card frames held over to a later buffer (not whole periods)
         uint64_t framesLost = 0;            // card frames dropped (stalls, a lost stream)
