@@ -37,6 +37,7 @@ using Concurrency = DeviceTest;
 TEST_F(Stream, DevicesRatesAndLayouts)
 {
     const auto usb = [](Card& c) { c.devices.push_back(Device{"USB", 2, 2, 0, {48000}}); };
+    const auto rates = [](std::vector<unsigned> r) { return [r](Card& c) { c.devices[0].sampleRates = r; }; };
     using Opened = std::tuple<unsigned, unsigned, int, unsigned, unsigned, unsigned>;
     const struct {
         const char* what;
@@ -55,10 +56,8 @@ TEST_F(Stream, DevicesRatesAndLayouts)
          {2, 1, 2, 1, 48000, 960}},
         {"playback only (0)", nullptr, config(16000, 20, 1, 0), {0, 1, -1, 0, 48000, 960}},
         {"playback only (-1)", nullptr, config(16000, 20, 1, -1), {0, 1, -1, 0, 48000, 960}},
-        {"16000 before 44100", [](Card& c) { c.devices[0].sampleRates = {16000, 44100}; }, config(),
-         {0, 1, 1, 1, 16000, 320}},
-        {"highest common rate", [](Card& c) { c.devices[0].sampleRates = {22050, 44100}; }, config(),
-         {0, 1, 1, 1, 44100, 882}},
+        {"16000 before 44100", rates({16000, 44100}), config(), {0, 1, 1, 1, 16000, 320}},
+        {"highest common rate", rates({22050, 44100}), config(), {0, 1, 1, 1, 44100, 882}},
         {"unreadable output: 48000 assumed", [](Card& c) { c.failures[Call::DeviceInfo] = "x", c.failingDeviceIndex = 0; },
          config(16000, 20, 2), {0, 2, 1, 1, 48000, 960}},
         {"10 ms periods in 20 ms buffers", nullptr, config(16000, 10), {0, 1, 1, 1, 48000, 960}},
@@ -74,9 +73,8 @@ TEST_F(Stream, DevicesRatesAndLayouts)
         const fakecard::Opened& o = card.opened;
         EXPECT_EQ(Opened(o.output.deviceId, o.output.nChannels, o.hasInput ? int(o.input.deviceId) : -1,
                          o.input.nChannels, o.sampleRate, o.bufferFrames), row.opened);
-        EXPECT_EQ(o.format, RTAUDIO_SINT16);
-        EXPECT_EQ(o.options.flags, o.hasInput ? RTAUDIO_SCHEDULE_REALTIME : 0u);
-        EXPECT_EQ(o.options.numberOfBuffers, 0u);
+        EXPECT_EQ(std::make_tuple(o.format, o.options.flags, o.options.numberOfBuffers),
+                  std::make_tuple(RTAUDIO_SINT16, o.hasInput ? RTAUDIO_SCHEDULE_REALTIME : 0u, 0u));
         const auto info = device->streamInfo();
         const unsigned period = unsigned(row.conf.periodMs);
         EXPECT_EQ(std::make_tuple(info.cardRateHz, info.grantedBufferFrames, info.periodMs, info.framesPerPeriod,
@@ -123,8 +121,7 @@ TEST_F(Stream, FailuresLeaveNothingBehind)
         std::string error = "untouched";
         EXPECT_EQ(open(row.conf, &error), row.code);
         EXPECT_EQ(!error.empty() && error != "untouched", row.reason) << error;
-        EXPECT_FALSE(fakecard::card().streamOpen);
-        EXPECT_FALSE(device->streamInfo().open);
+        EXPECT_FALSE(fakecard::card().streamOpen || device->streamInfo().open);
         device.reset();
         EXPECT_TRUE(weak.expired()) << "the device outlived its client";
         fresh();
@@ -155,8 +152,7 @@ TEST_F(Stream, OneStreamPerDeviceUntilItIsClosed)
     EXPECT_EQ(fakecard::deliver(buffer.data(), buffer.data(), 960), 0);
 
     survivor->closeStream();
-    EXPECT_TRUE(weak.expired());
-    EXPECT_TRUE(heldByCallback.expired());
+    EXPECT_TRUE(weak.expired() && heldByCallback.expired());
     EXPECT_FALSE(fakecard::card().streamOpen);
 
     // Again, twice, and without a stream: harmless; the device opens again.
@@ -185,15 +181,15 @@ TEST_F(Stream, ToldDelayAndEchoCancellationMode)
         {"robust", 20, 2, 100, "robust"}, {"robust", 40, 2, 200, "robust"}, {"loud", 20, 1, 60, "standard"},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.mode ? row.mode : "unset") + ", " + std::to_string(row.periodMs) + " ms, " +
-                     std::to_string(row.clientChannels) + " ch");
+        SCOPED_TRACE(testing::Message() << (row.mode ? row.mode : "unset") << ", " << row.periodMs << " ms, "
+                                        << row.clientChannels << " ch");
         fresh();
         if (row.mode)
             setenv("TAUDIO2_AEC", row.mode, 1);
         ASSERT_EQ(open(config(16000, row.periodMs, row.clientChannels)), 0);
         unsetenv("TAUDIO2_AEC");
-        EXPECT_EQ(device->streamInfo().toldDelayMs, row.toldMs);
-        EXPECT_EQ(device->streamInfo().echoCancellation, row.shown);
+        EXPECT_EQ(std::make_pair(device->streamInfo().toldDelayMs, device->streamInfo().echoCancellation),
+                  std::make_pair(row.toldMs, std::string(row.shown)));
         EXPECT_EQ(TAudio2UniversalDevice::toldDelayMs(row.shown, row.periodMs, cardOutputChannels()), row.toldMs);
         EXPECT_EQ(warningsStartingWith("TAUDIO2_AEC=loud"), row.mode && row.mode[0] == 'l');
     }
@@ -239,12 +235,7 @@ protected:
         fakecard::card().callbackThreadPauseUs = 20000;
         clientPlays = [](size_t, unsigned) { return int16_t(0); };
         ASSERT_EQ(open(config()), 0);
-        ASSERT_TRUE(waitFor([this] { return callsNow() >= 5; }));
-    }
-    int callsNow()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return calls;
+        ASSERT_TRUE(waitFor([this] { return calls >= 5; }));
     }
     long timedCloseMs()
     {
@@ -254,12 +245,7 @@ protected:
     }
     static void serverGone(bool gone)
     {
-        fakecard::locked([gone] {
-            if (gone)
-                fakecard::card().failures[Call::OpenStream] = "server gone";
-            else
-                fakecard::card().failures.erase(Call::OpenStream);
-        });
+        fakecard::locked([gone] { fakecard::card().failures[Call::OpenStream] = gone ? "server gone" : ""; });
     }
 };
 
@@ -293,16 +279,16 @@ TEST_F(Lifecycle, ALostStreamIsReopenedWhenTheServerIsBack)
         *row.second = true;
         ASSERT_TRUE(waitFor([this] { return !device->streamInfo().delivering; }));
         std::this_thread::sleep_for(400ms);   // reopening fails meanwhile
-        const int atLoss = callsNow();
+        const int atLoss = calls;
         std::this_thread::sleep_for(200ms);
-        EXPECT_EQ(callsNow(), atLoss) << "the client was called on a lost stream";
+        EXPECT_EQ(calls, atLoss) << "the client was called on a lost stream";
         EXPECT_TRUE(device->streamInfo().open);
 
         *row.second = false;
         serverGone(false);
-        ASSERT_TRUE(waitFor([&] { return callsNow() >= atLoss + 5; })) << "the stream did not come back";
-        EXPECT_TRUE(device->streamInfo().delivering);
-        EXPECT_EQ(device->streamInfo().recoveries, ++recoveries);
+        ASSERT_TRUE(waitFor([&] { return calls >= atLoss + 5; })) << "the stream did not come back";
+        EXPECT_EQ(std::make_pair(device->streamInfo().delivering, device->streamInfo().recoveries),
+                  std::make_pair(true, ++recoveries));
         EXPECT_EQ(warningsStartingWith(std::string("Universal device lost its stream (") + row.first + ")"), 1);
     }
     EXPECT_EQ(warningsStartingWith("Universal device reopened its stream after "), 3);
@@ -322,15 +308,13 @@ TEST_F(Concurrency, CloseWaitsForARunningCallbackAndNoneStartsAfter)
 {
     std::promise<void> entered, release;
     std::shared_future<void> released = release.get_future().share();
-    std::atomic<int> calls{0};
-    device = makeDevice();
-    ASSERT_EQ(device->openStream(config(), [&](const char*, int, char*, int, int) {
-        if (calls++ == 0)
+    answer = [&](int call) {
+        if (call == 0)
             entered.set_value(), released.wait();
         return true;
-    }, nullptr), 0);
-    std::vector<short> buffer(960);
-    auto callback = std::async(std::launch::async, [&] { fakecard::deliver(buffer.data(), buffer.data(), 960); });
+    };
+    ASSERT_EQ(open(config()), 0);
+    auto callback = std::async(std::launch::async, [this] { deliver(960); });
     entered.get_future().wait();
 
     auto closing = std::async(std::launch::async, [this] { device->closeStream(); });
@@ -339,7 +323,7 @@ TEST_F(Concurrency, CloseWaitsForARunningCallbackAndNoneStartsAfter)
     EXPECT_EQ(closing.wait_for(2s), std::future_status::ready);
     callback.get();
     // A buffer the sound layer still hands over after the close finds no stream.
-    EXPECT_EQ(fakecard::deliver(buffer.data(), buffer.data(), 960), -1);
+    EXPECT_EQ(deliver(960), -1);
     EXPECT_EQ(calls, 1);
 }
 
@@ -362,11 +346,7 @@ TEST_F(Concurrency, StressManyDevicesOnManyThreads)
             const TAudio2StreamConfiguration confs[] = {config(), config(48000, 10, 2, 1), config(8000, 20, 1, 0)};
             for (int n = 0; Clock::now() < deadline; ++n) {
                 auto device = boost::make_shared<TAudio2UniversalDevice>(16000);
-                if (t == 0) {   // one thread only lists and drops
-                    device->devices(TAudio2DeviceInfo::DeviceType(3));
-                    std::this_thread::sleep_for(1ms);
-                    continue;
-                }
+                device->devices(TAudio2DeviceInfo::DeviceType(3));
                 auto closed = std::make_shared<std::atomic<bool>>(false);
                 failedOpens += device->openStream(confs[(t + n) % 3], [&, closed](const char*, int, char*, int, int) {
                     lateCallbacks += closed->load();
@@ -397,11 +377,9 @@ TEST_F(Concurrency, ExitWithAStreamOpenIsClean)
     const char* env = std::getenv("TAUDIO2_EXIT_RUNS");
     for (int run = 0, runs = env ? std::atoi(env) : 10; run < runs; ++run) {
         EXPECT_EXIT({
-            auto device = boost::make_shared<TAudio2UniversalDevice>(16000);
-            if (device->openStream(config(16000, 20, 1, 1, true), [](const char*, int, char*, int, int) { return true; },
-                                   nullptr) != 0)
+            if (boost::make_shared<TAudio2UniversalDevice>(16000)->openStream(config(16000, 20, 1, 1, true),
+                    [](const char*, int, char*, int, int) { return true; }, nullptr) != 0)
                 std::_Exit(3);
-            device.reset();
             std::this_thread::sleep_for(std::chrono::milliseconds(5 + run % 10));
             std::exit(0);
         }, ::testing::ExitedWithCode(0), "") << "run " << run;

@@ -3,10 +3,12 @@
 #include <chrono>
 #include <mutex>
 #include <thread>
+#include <tuple>
 
 namespace fakecard {
 
 std::atomic<bool> threadStalled{false}, threadFailing{false}, threadAborts{false};
+static std::mutex cardMutex;   // constant-initialised, trivially destroyed: usable at exit
 
 Card& card()
 {
@@ -20,15 +22,9 @@ void reset()
     threadStalled = threadFailing = threadAborts = false;
 }
 
-static std::mutex& cardMutex()
-{
-    static std::mutex* const mutex = new std::mutex;
-    return *mutex;
-}
-
 void locked(const std::function<void()>& change)
 {
-    std::lock_guard<std::mutex> lock(cardMutex());
+    std::lock_guard<std::mutex> lock(cardMutex);
     change();
 }
 
@@ -42,12 +38,12 @@ namespace {
 
 void count(Call call, unsigned index = 0)
 {
-    std::lock_guard<std::mutex> lock(cardMutex());
+    std::lock_guard<std::mutex> lock(cardMutex);
     ++card().calls[call];
-    const auto it = card().failures.find(call);
-    if (it != card().failures.end() &&
+    const std::string& failure = card().failures[call];
+    if (!failure.empty() &&
         (call != Call::DeviceInfo || card().failingDeviceIndex < 0 || unsigned(card().failingDeviceIndex) == index))
-        throw RtAudioError(it->second, RtAudioError::DRIVER_ERROR);
+        throw RtAudioError(failure, RtAudioError::DRIVER_ERROR);
 }
 
 class FakeApi : public RtApi {
@@ -68,14 +64,10 @@ public:
             throw RtAudioError("fake: device ID is invalid", RtAudioError::INVALID_USE);
         const Device& d = card().devices[index];
         RtAudio::DeviceInfo info;
-        info.probed = d.probed;
-        info.name = d.name;
-        info.outputChannels = d.outputChannels;
-        info.inputChannels = d.inputChannels;
-        info.duplexChannels = d.duplexChannels;
+        std::tie(info.probed, info.name, info.outputChannels, info.inputChannels, info.duplexChannels, info.sampleRates) =
+            std::tie(d.probed, d.name, d.outputChannels, d.inputChannels, d.duplexChannels, d.sampleRates);
         info.isDefaultOutput = index == card().defaultOutput;
         info.isDefaultInput = index == card().defaultInput;
-        info.sampleRates = d.sampleRates;
         return info;
     }
 
@@ -87,28 +79,18 @@ public:
             launch(card().callbackThreadPauseUs);
     }
 
+    // Drains as RtAudio's JACK backend does: waits for one more callback
+    // (bounded only so that a failing test ends).
     void stopStream() override
     {
-        count(Call::StopStream);
-        // Bounded only so that a failing test ends.
         for (unsigned long seen = delivered_, i = 0; thread_.joinable() && delivered_ == seen && i < 5000; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        halt();
-        stream_.state = STREAM_STOPPED;
+        end(Call::StopStream, STREAM_STOPPED);
     }
-
-    void abortStream() override
-    {
-        count(Call::AbortStream);
-        halt();
-        stream_.state = STREAM_STOPPED;
-    }
-
+    void abortStream() override { end(Call::AbortStream, STREAM_STOPPED); }
     void closeStream() override
     {
-        count(Call::CloseStream);
-        halt();
-        stream_.state = STREAM_CLOSED;
+        end(Call::CloseStream, STREAM_CLOSED);
         card().streamOpen = false;
     }
 
@@ -145,6 +127,12 @@ private:
         });
     }
 
+    void end(Call call, StreamState state)
+    {
+        count(call);
+        halt();
+        stream_.state = state;
+    }
     // Returns once the stream's thread has finished its last callback.
     void halt()
     {

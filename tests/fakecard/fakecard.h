@@ -37,13 +37,11 @@ struct Opened {
 struct Card {
     std::vector<Device> devices;
     unsigned defaultInput = 0, defaultOutput = 0;
-    // A call listed here throws RtAudioError with the message; DeviceInfo only
-    // for failingDeviceIndex (-1: any index).
+    // A call with a message here throws it; DeviceInfo only for failingDeviceIndex (-1: any).
     std::map<Call, std::string> failures;
     int failingDeviceIndex = -1;
-    // Non-zero: each started stream gets a thread calling back every this many
-    // microseconds until it is stopped, as the real layer does; stopStream()
-    // drains as RtAudio's JACK backend does, waiting for one more callback.
+    // Non-zero: each started stream has a thread calling back every this many
+    // microseconds until it is stopped, as the real layer does.
     unsigned callbackThreadPauseUs = 0;
 
     Opened opened;

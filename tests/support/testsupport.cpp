@@ -61,10 +61,9 @@ void DeviceTest::fresh()
     m_devices.clear();
     device.reset();
     fakecard::reset();
-    fakecard::Card& c = fakecard::card();
-    c.devices = {fakecard::Device{"Speakers", 2, 0, 0, {44100, 48000}},
-                 fakecard::Device{"Microphone", 0, 1, 0, {16000, 44100, 48000}}};
-    c.defaultInput = 1;
+    fakecard::card().devices = {fakecard::Device{"Speakers", 2, 0, 0, {44100, 48000}},
+                                fakecard::Device{"Microphone", 0, 1, 0, {16000, 44100, 48000}}};
+    fakecard::card().defaultInput = 1;
     std::lock_guard<std::mutex> lock(mutex);
     calls = 0;
     heard.clear();
@@ -92,12 +91,6 @@ void DeviceTest::TearDown()
 {
     fresh();
     tamrel::DebugStream::setSink(tamrel::LogSink());
-}
-
-tamrel::TAudio2StreamConfiguration DeviceTest::config(int sampleRate, int periodMs, int playbackChannels,
-                                                      int captureChannels, bool measureAec)
-{
-    return {sampleRate, "", "", periodMs, playbackChannels, captureChannels, measureAec};
 }
 
 boost::shared_ptr<tamrel::TAudio2UniversalDevice> DeviceTest::makeDevice(bool voiceProcessing)

@@ -1,7 +1,6 @@
 // What the device tests share: a scripted card (two-channel speakers and a
-// one-channel microphone, both the defaults), a private home for the
-// recordings, the warnings a user reads, and a client the test drives
-// buffer by buffer.
+// one-channel microphone, the defaults), a private home for the recordings,
+// the warnings a user reads, and a client the test drives buffer by buffer.
 #pragma once
 
 #include "fakecard.h"
@@ -36,9 +35,11 @@ protected:
     // Closes every device and starts again on the standard card: the next row of a table.
     void fresh();
 
-    static tamrel::TAudio2StreamConfiguration config(int sampleRate = 16000, int periodMs = 20,
-                                                     int playbackChannels = 1, int captureChannels = 1,
-                                                     bool measureAec = false);
+    static tamrel::TAudio2StreamConfiguration config(int rate = 16000, int periodMs = 20, int playbackChannels = 1,
+                                                     int captureChannels = 1, bool measureAec = false)
+    {
+        return {rate, "", "", periodMs, playbackChannels, captureChannels, measureAec};
+    }
     // A device closed at the end; without voice processing when asked.
     boost::shared_ptr<tamrel::TAudio2UniversalDevice> makeDevice(bool voiceProcessing = true);
     // Opens `device` (made when null) for a client that keeps what it hears
@@ -58,7 +59,7 @@ protected:
 
     // Guarded by `mutex` where the card's own thread calls back.
     std::mutex mutex;
-    int calls = 0;
+    std::atomic<int> calls{0};
     std::vector<int16_t> heard;      // every capture sample the client got
     std::vector<int> captureBytes;   // per call
     std::vector<int16_t> played;     // what the card was given, in its opened layout
