@@ -34,9 +34,8 @@ def synth_call(delay_ms=120.0, suppression_db=25.0, gain_db=6.0, seconds=14, far
         x = rng.standard_normal(len(t)) * (0.3 + 0.7 * np.abs(np.sin(2 * np.pi * 2.5 * t))) * on
         return x * 10 ** (level_db / 20) / np.sqrt(np.mean(x[on] ** 2)) if spans else x
     playback, nearend = speech(far, -20), speech(near, -22)
-    shift = int(round(delay_ms * RATE / 1000))
-    echo = np.concatenate([np.zeros(shift), playback[:len(playback) - shift]]) * 10 ** (-18 / 20)
-    capture = echo + nearend + rng.standard_normal(len(playback)) * 10 ** (-85 / 20)
+    echo = aec_report.delayed(playback, int(round(delay_ms * RATE / 1000))) * 10 ** (-18 / 20)
+    capture = echo + nearend + rng.standard_normal(len(t)) * 10 ** (-85 / 20)
     return aec_report.Recordings(RATE, capture, 10 ** (gain_db / 20) * (echo * 10 ** (-suppression_db / 20) + nearend),
                                  playback)
 
@@ -83,11 +82,8 @@ class AnalysisTest(unittest.TestCase):
 
 
 class CommandLineTest(unittest.TestCase):
-    def setUp(self):
-        self.dir = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        self.enterContext(mock.patch.dict(os.environ, {"HOME": str(self.dir)}))
-
     def run_main(self, rec, argv, spoil=lambda: None):
+        """The report on `rec`'s files in a private $HOME (self.dir): its exit status, output and errors."""
         for name, x in zip(aec_report.FILES, (rec.capture, rec.capture_aec, rec.playback)):
             sf.write(self.dir / name, x, RATE, subtype="PCM_16")
         spoil()
@@ -95,6 +91,10 @@ class CommandLineTest(unittest.TestCase):
         with contextlib.redirect_stdout(out), contextlib.redirect_stderr(err):
             code = aec_report.main(argv)
         return code, out.getvalue(), err.getvalue()
+
+    def setUp(self):
+        self.dir = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.enterContext(mock.patch.dict(os.environ, {"HOME": str(self.dir)}))
 
     def test_report_plot_and_call_record_in_home(self):
         rec = synth_call()
@@ -127,7 +127,3 @@ class CommandLineTest(unittest.TestCase):
                 self.assertEqual((code, out), (2, ""))
                 self.assertIn(expected, err)
                 self.assertFalse((self.dir / "aec_report.png").exists())
-
-
-if __name__ == "__main__":
-    unittest.main()
