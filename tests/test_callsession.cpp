@@ -14,13 +14,14 @@ using Samples = std::vector<int16_t>;
 // What a command line (split at spaces) asks of the device and of the call, or "!" and why it is refused.
 static std::string asked(const std::string& line)
 {
-    const ParseResult r = parseCallOptions(QStringList{"taudio2call"} + (line.empty() ? QStringList()
-                                                                                        : QString(line.c_str()).split(' ')));
+    const QStringList words = line.empty() ? QStringList() : QString(line.c_str()).split(' ');
+    const ParseResult r = parseCallOptions(QStringList{"taudio2call"} + words);
     const tamrel::TAudio2StreamConfiguration c = toConfiguration(r.options);
     if (r.status != ParseResult::Run)
         return "!" + r.message;
-    return std::to_string(c.sampleRate) + " Hz " + std::to_string(c.periodMs) + " ms, play " + std::to_string(c.playbackChannels)
-        + " '" + c.playbackDeviceName + "', capture " + std::to_string(c.captureChannels) + " '" + c.captureDeviceName + "'"
+    return std::to_string(c.sampleRate) + " Hz " + std::to_string(c.periodMs) + " ms, play "
+        + std::to_string(c.playbackChannels) + " '" + c.playbackDeviceName + "', capture "
+        + std::to_string(c.captureChannels) + " '" + c.captureDeviceName + "'"
         + (c.measureAec ? ", aec" : "") + "; " + QString::number(r.options.durationSeconds).toStdString() + " s, api '"
         + r.options.api + "', aec '" + r.options.aecMode + "'";
 }
@@ -88,7 +89,8 @@ TEST(Signals, FarEndLoopsEndsAndMapsChannels)
 {
     // A clip, looped or not, asked for frames on a number of channels: what came out, and whether it has ended.
     const struct { Clip clip; bool loop; int frames, channels; Samples played; bool finished; } cases[] = {
-        {{{1, 2, 3}, 1, 16000}, true, 8, 1, {1, 2, 3, 1, 2, 3, 1, 2}, false}, {{{5, 6, 7}, 1, 16000}, false, 2, 1, {5, 6}, false},
+        {{{1, 2, 3}, 1, 16000}, true, 8, 1, {1, 2, 3, 1, 2, 3, 1, 2}, false},
+        {{{5, 6, 7}, 1, 16000}, false, 2, 1, {5, 6}, false},
         {{{5, 6, 7}, 1, 16000}, false, 3, 1, {5, 6, 7}, true},   // ending exactly on a period counts
         {{{5, 6, 7}, 1, 16000}, false, 5, 1, {5, 6, 7, 0, 0}, true},
         {{{100, -200}, 1, 16000}, false, 2, 2, {100, 100, -200, -200}, true},

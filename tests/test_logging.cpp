@@ -63,7 +63,8 @@ TEST(DebugStream, FlagsAndValuesShapeTheLine)
     const std::string at = fmt::format("0x{:x}", reinterpret_cast<std::uintptr_t>(&text[0]));
     const struct { bool spaced, quoted, suppressed, forced; std::string line; } cases[] = {
         {false, false, false, false, "a5/home/user" + at}, {true, false, false, false, " a 5 /home/user " + at},
-        {true, true, false, false, R"( "a" "5" "/home/user" ")" + at + "\""}, {false, false, true, true, "a5/home/user" + at},
+        {true, true, false, false, R"( "a" "5" "/home/user" ")" + at + "\""},
+        {false, false, true, true, "a5/home/user" + at},
     };
     for (const auto& c : cases) {
         Sink sink;
