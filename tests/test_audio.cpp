@@ -1,6 +1,5 @@
-// What the client hears and the card plays: every frame once and in order
-// whatever the buffers, tones through the converters in every layout, the
-// canceller's microphone, refusals, stalls and the diagnostic recordings.
+// What the client hears and the card plays: frames, tones, the canceller's
+// microphone, refusals, stalls and the diagnostic recordings.
 #include "testsupport.h"
 
 #include <atomic>
@@ -28,7 +27,6 @@ namespace {
 
 class Audio : public DeviceTest {
 protected:
-    // A card at `rate` with these channels, opened for `c`.
     void openCard(unsigned rate, unsigned outputs, unsigned inputs, const TAudio2StreamConfiguration& c,
                   bool voiceProcessing)
     {
@@ -45,20 +43,10 @@ protected:
         for (size_t done = 0, n = 0; done < frames; done += n)
             ASSERT_EQ(deliver(unsigned(n = sizes())), 0);
     }
-    // One channel of what the card played, from frame `from` on.
-    std::vector<int16_t> playedChannel(unsigned c, size_t from)
-    {
-        std::vector<int16_t> out;
-        for (size_t i = from * cardOutputChannels() + c; i < played.size(); i += cardOutputChannels())
-            out.push_back(played[i]);
-        return out;
-    }
 };
 
-// At equal rates without voice processing the signal passes bit for bit: the
-// client hears every captured frame once and in order, and the card plays
-// every frame the client wrote, behind by at most one period, whatever sizes
-// the buffers come in.
+// At equal rates without voice processing every frame passes once, in order and
+// bit for bit, both ways, whatever the buffers; playback at most a period late.
 TEST_F(Audio, EveryFrameOnceAndInOrder)
 {
     std::mt19937 random(7);
@@ -101,9 +89,8 @@ TEST_F(Audio, EveryFrameOnceAndInOrder)
     }
 }
 
-// Tones through the converters, per channel layout: each channel plays its
-// own tone at its level, a stereo client on a mono card plays its left
-// channel whole (no band limit, no image), and odd buffers leave no gap.
+// Each channel plays its own tone at its level, a stereo client on a mono card
+// its left channel whole (no band limit, no image); odd buffers leave no gap.
 TEST_F(Audio, TonesThroughTheConvertersInEveryLayout)
 {
     const struct {
@@ -129,29 +116,26 @@ TEST_F(Audio, TonesThroughTheConvertersInEveryLayout)
         openCard(row.cardRate, row.cardChannels, 1, config(16000, row.periodMs, row.clientChannels), false);
         run(row.cardRate, [&row] { return row.buffer; });
 
-        ASSERT_EQ(cardOutputChannels(), std::min<unsigned>(row.cardChannels, unsigned(row.clientChannels)));
+        const unsigned out = cardOutputChannels();
+        ASSERT_EQ(out, std::min<unsigned>(row.cardChannels, unsigned(row.clientChannels)));
         // Half a second on, in 20 ms windows: every window carries the tone.
-        const std::vector<int16_t> l = playedChannel(0, row.cardRate / 2);
-        for (size_t w = 0, window = row.cardRate / 50; w + window <= l.size(); w += window)
-            ASSERT_NEAR(toneLevel({l.begin() + long(w), l.begin() + long(w + window)}, 1, 0, row.leftHz, row.cardRate),
-                        8000, 800) << "window at " << w;
-        EXPECT_LT(toneLevel(l, 1, 0, row.rightHz, row.cardRate), 100) << "the right channel leaks into the left";
-        EXPECT_LT(toneLevel(l, 1, 0, 16000 - row.leftHz, row.cardRate), 100) << "an image of the left tone";
-        if (cardOutputChannels() == 2) {
-            EXPECT_NEAR(toneLevel(playedChannel(1, row.cardRate / 2), 1, 0, row.rightHz, row.cardRate), 8000, 800);
-            EXPECT_LT(toneLevel(playedChannel(1, row.cardRate / 2), 1, 0, row.leftHz, row.cardRate), 100);
+        const std::vector<int16_t> late(played.begin() + row.cardRate / 2 * out, played.end());
+        const long window = long(row.cardRate / 50 * out);
+        for (auto w = late.begin(); late.end() - w >= window; w += window)
+            ASSERT_NEAR(toneLevel({w, w + window}, out, 0, row.leftHz, row.cardRate), 8000, 800) << w - late.begin();
+        EXPECT_LT(toneLevel(late, out, 0, row.rightHz, row.cardRate), 100) << "the right channel leaks into the left";
+        EXPECT_LT(toneLevel(late, out, 0, 16000 - row.leftHz, row.cardRate), 100) << "an image of the left tone";
+        if (out == 2) {
+            EXPECT_NEAR(toneLevel(late, out, 1, row.rightHz, row.cardRate), 8000, 800);
+            EXPECT_LT(toneLevel(late, out, 1, row.leftHz, row.cardRate), 100);
         }
-        // The microphone's tone reaches the client at its rate (a tenth of a second:
-        // 25 ms periods are 1102 card frames, and the client hears 0.05 % slow).
+        // The microphone's tone reaches the client at its rate (25 ms periods: 1102 card frames, 0.05 % slow).
         EXPECT_NEAR(toneLevel({heard.begin() + 4000, heard.begin() + 5600}, 1, 0, 1000, 16000), 8000, 800);
     }
 }
 
-// The canceller and the raw recording take the first microphone of several,
-// and the client gets its processed mono: speech on the first channel is
-// heard, on the second it is not. The recordings are mono at the client's
-// rate: the raw and the processed capture and the playback's left channel,
-// without the period the client refused.
+// The canceller and the raw recording take the first microphone of several; the
+// recordings are mono at the client's rate, without the period the client refused.
 TEST_F(Audio, TheFirstMicrophoneFeedsTheCancellerAndTheRecordings)
 {
     const Signal speech = [](size_t f, unsigned) {
@@ -197,9 +181,8 @@ TEST_F(Audio, TheFirstMicrophoneFeedsTheCancellerAndTheRecordings)
     EXPECT_EQ(calls, 1);
 }
 
-// A client that fails a period has the rest of the card's buffer played as
-// silence, never stale audio, and the stream runs on. A buffer of 200 ms or
-// more, at whatever rate, is a stalled stream catching up: dropped whole.
+// A refused period silences the rest of the buffer, never stale audio, and the stream
+// runs on. A buffer of 200 ms or more, at any rate, is a stall catching up: dropped.
 TEST_F(Audio, RefusalsAndStalls)
 {
     answer = [](int call) { return call != 1; };

@@ -1,9 +1,6 @@
-// Seeded random buffers through the duplex pipeline: 0 to 20000 frames,
-// missing input or output, refused periods, over the streams that differ in
-// how they cut and convert, each on a fresh device so that every buffer has
-// exactly its own size. Meant for the sanitizer build, where any access past
-// a buffer stops it. TAUDIO2_FUZZ_SECONDS sets how long it runs (default 30),
-// TAUDIO2_FUZZ_SEED replays a run (the seed is printed).
+// Seeded random buffers (0 to 20000 frames, missing input or output, refused periods)
+// over streams that cut and convert differently, for the sanitizer build.
+// TAUDIO2_FUZZ_SECONDS: how long (default 30); TAUDIO2_FUZZ_SEED replays a run.
 #include "testsupport.h"
 
 #include <chrono>

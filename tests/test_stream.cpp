@@ -1,6 +1,5 @@
-// Opening and closing streams on the scripted card: what is opened, the codes
-// and what a failure leaves behind, the told delay, a stream whose sound layer
-// stalls, fails or dies, and threads against the device.
+// Opening and closing streams on the scripted card, a sound layer that stalls,
+// fails or dies, and threads against the device.
 #include "testsupport.h"
 
 #include <shared/debugstream.h>
@@ -81,14 +80,12 @@ TEST_F(Stream, DevicesRatesAndLayouts)
                                   info.cardFramesPerPeriod),
                   std::make_tuple(o.sampleRate, o.bufferFrames, period, 16 * period, o.sampleRate * period / 1000));
         EXPECT_TRUE(warnings.empty() || row.script) << warnings.front();
-        // One look at the devices per open, whatever the choice.
         EXPECT_EQ(card.calls[Call::DeviceCount], 1);
         EXPECT_EQ(card.calls[Call::DeviceInfo], int(card.devices.size()));
     }
 }
 
-// Every way an open fails: the code, the reason, and nothing left behind:
-// no stream on the card, no device kept alive, and the next open works.
+// Every failed open: its code and reason, no stream, no device kept alive, and the next open works.
 TEST_F(Stream, FailuresLeaveNothingBehind)
 {
     const struct {
@@ -129,9 +126,8 @@ TEST_F(Stream, FailuresLeaveNothingBehind)
     }
 }
 
-// A second open is refused and the first stream runs on; the open device
-// belongs to its stream, and closing releases the device, the callback and
-// the card's stream.
+// A second open is refused; the open device belongs to its stream, and closing
+// releases the device, the callback and the card's stream.
 TEST_F(Stream, OneStreamPerDeviceUntilItIsClosed)
 {
     device = boost::make_shared<TAudio2UniversalDevice>(16000);
@@ -167,8 +163,7 @@ TEST_F(Stream, OneStreamPerDeviceUntilItIsClosed)
     EXPECT_EQ(captureBytes, std::vector<int>{640});
 }
 
-// The delay the canceller is told and the mode, per environment, period and
-// output; a voice chain switched off tells none.
+// The delay the canceller is told and its mode, per environment, period and output.
 TEST_F(Stream, ToldDelayAndEchoCancellationMode)
 {
     const struct {
@@ -261,10 +256,8 @@ TEST_F(Lifecycle, CloseDrainsADeliveringStreamAndAbortsAStalledOne)
     EXPECT_FALSE(fakecard::card().streamOpen);
 }
 
-// The server goes away in three ways and comes back: the client is not
-// called meanwhile, then the same callback resumes on a reopened stream, with
-// one warning for the loss and one for the return. Gone for good, the
-// reopening ends with the close.
+// Lost three ways, the stream is not called until the server is back and it is
+// reopened, with a warning for each; gone for good, the close ends the reopening.
 TEST_F(Lifecycle, ALostStreamIsReopenedWhenTheServerIsBack)
 {
     const std::pair<const char*, std::atomic<bool>*> rows[] = {
@@ -327,9 +320,8 @@ TEST_F(Concurrency, CloseWaitsForARunningCallbackAndNoneStartsAfter)
     EXPECT_EQ(calls, 1);
 }
 
-// Devices made, listed, opened and closed from several threads while each
-// open stream is called back from a thread of its own. TAUDIO2_STRESS_SECONDS
-// runs it longer; under ThreadSanitizer any race in the library fails it.
+// Devices made, listed, opened and closed on several threads, each stream called back
+// on its own (TAUDIO2_STRESS_SECONDS runs it longer); ThreadSanitizer fails any race.
 TEST_F(Concurrency, StressManyDevicesOnManyThreads)
 {
     const char* env = std::getenv("TAUDIO2_STRESS_SECONDS");
@@ -369,8 +361,7 @@ TEST_F(Concurrency, StressManyDevicesOnManyThreads)
     EXPECT_GT(callbacks, 0);
 }
 
-// Exit (no close, no reference kept) while the stream's thread calls back as
-// fast as it can must be clean, which the sanitizers check.
+// Exit with a stream open and calling back as fast as it can is clean (for the sanitizers).
 TEST_F(Concurrency, ExitWithAStreamOpenIsClean)
 {
     fakecard::card().callbackThreadPauseUs = 1;

@@ -1,6 +1,5 @@
 // A scripted sound card behind RtAudio's own interface, linked into the tests
-// instead of the real library: a test describes the devices, makes chosen
-// calls fail, reads back what was opened and delivers the callbacks.
+// instead of the real library.
 #pragma once
 
 #include <rtaudio/RtAudio.h>
@@ -40,8 +39,7 @@ struct Card {
     // A call with a message here throws it; DeviceInfo only for failingDeviceIndex (-1: any).
     std::map<Call, std::string> failures;
     int failingDeviceIndex = -1;
-    // Non-zero: each started stream has a thread calling back every this many
-    // microseconds until it is stopped, as the real layer does.
+    // Non-zero: a started stream's own thread calls back every this many microseconds.
     unsigned callbackThreadPauseUs = 0;
 
     Opened opened;
@@ -50,16 +48,14 @@ struct Card {
     bool streamOpen = false;
 };
 
-// The one card every RtAudio of the process sees; it outlives static
-// destruction, so that streams closed at exit still find it.
+// The card every RtAudio sees; never destroyed, so that streams closed at exit find it.
 Card& card();
 void reset();
 // Changes the card under the lock its calls take, while another thread calls it.
 void locked(const std::function<void()>& change);
 
-// The stream thread's behaviour, changeable while it runs. Stalled: no more
-// callbacks. Failing: an error after every buffer. Aborts: one error worse
-// than a warning, then no more callbacks, as when RtAudio stops a stream itself.
+// The stream thread, while it runs: stalled, it calls back no more; failing, it reports an
+// error after every buffer; aborting, one error worse than a warning, then stops.
 extern std::atomic<bool> threadStalled, threadFailing, threadAborts;
 
 // Calls the last opened stream's callback as the sound layer's thread would.

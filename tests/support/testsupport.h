@@ -42,11 +42,9 @@ protected:
     }
     // A device closed at the end; without voice processing when asked.
     boost::shared_ptr<tamrel::TAudio2UniversalDevice> makeDevice(bool voiceProcessing = true);
-    // Opens `device` (made when null) for a client that keeps what it hears
-    // and plays `clientPlays`; returns openStream's code.
+    // Opens `device` (made when null) for a client that keeps what it hears and plays `clientPlays`.
     int open(const tamrel::TAudio2StreamConfiguration& c, std::string* error = nullptr);
-    // One buffer of the card's: the microphone hears `microphone` where the
-    // last buffer left off, and what the card is given to play is kept.
+    // One card buffer: the microphone goes on with `microphone`; what the card plays is kept.
     int deliver(unsigned frames, bool withInput = true, bool withOutput = true);
     unsigned cardOutputChannels() const { return fakecard::card().opened.output.nChannels; }
     unsigned cardInputChannels() const { return fakecard::card().opened.input.nChannels; }
