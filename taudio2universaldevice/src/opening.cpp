@@ -431,11 +431,18 @@ int TAudio2UniversalDevice_p::openSoundLayer(std::string& errorText)
     // RtAudio writes the buffer size it grants back; it is stored under the
     // lock that readers of the stream's facts take.
     unsigned bufferFrames = m_bufferFrames;
+    // A short playback queue needs libpulse's threads as prompt as the
+    // stream's own; the threads this open adds are the stream's.
+    const bool raiseLibpulse = m_playbackQueueBuffers > 0 && (options.flags & RTAUDIO_SCHEDULE_REALTIME);
     try {
         debug("audio2", 0, false) << "In universal device before open stream";
         const boost::lock_guard<boost::mutex> openLock(SoundLayerMutex);
+        const std::vector<pid_t> before = raiseLibpulse ? pulseClientThreads() : std::vector<pid_t>();
         m_rtAudio.openStream(&outputParameters, withCapture ? &inputParameters : nullptr, RTAUDIO_SINT16,
                              m_deviceSampleRate, &bufferFrames, &rtAudioCallBack, &m_id, &options, &rtAudioError);
+        if (raiseLibpulse)
+            debug("audio2", 0, false) << "In universal device " << raiseNewPulseClientThreads(before, options.priority)
+                                      << " libpulse threads raised to real time";
         debug("audio2", 0, false) << "In universal device after open stream";
     } catch (const RtAudioError& e) {
         errorText = e.getMessage();

@@ -2,11 +2,18 @@
 // asked through libpulse beside RtAudio, which does not tell.
 #include "taudio2universaldevice_p.h"
 
+#include <algorithm>
+
 #include <pulse/context.h>
 #include <pulse/introspect.h>
 #include <pulse/mainloop.h>
 
+#include <dirent.h>
+#include <sched.h>
+
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 namespace tamrel {
@@ -54,6 +61,33 @@ PulseServerInfo askPulseServer()
     if (loop)
         pa_mainloop_free(loop);
     return answer;
+}
+
+std::vector<pid_t> pulseClientThreads()
+{
+    std::vector<pid_t> threads;
+    DIR* tasks = opendir("/proc/self/task");
+    while (const dirent* task = tasks ? readdir(tasks) : nullptr) {
+        std::string name;
+        std::getline(std::ifstream(std::string("/proc/self/task/") + task->d_name + "/comm"), name);
+        if (name == "threaded-ml")
+            threads.push_back(static_cast<pid_t>(std::atoi(task->d_name)));
+    }
+    if (tasks)
+        closedir(tasks);
+    return threads;
+}
+
+int raiseNewPulseClientThreads(const std::vector<pid_t>& before, int priority)
+{
+    int raised = 0;
+    sched_param parameters{};
+    parameters.sched_priority = priority;
+    for (const pid_t thread : pulseClientThreads()) {
+        if (std::find(before.begin(), before.end(), thread) == before.end())
+            raised += sched_setscheduler(thread, SCHED_RR, &parameters) == 0;
+    }
+    return raised;
 }
 
 } // namespace tamrel

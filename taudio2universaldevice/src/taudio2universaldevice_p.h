@@ -14,6 +14,8 @@
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/shared_mutex.hpp>
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -48,6 +50,13 @@ struct PulseServerInfo {
     bool pipeWire = false;   // PipeWire's service, not PulseAudio itself
 };
 PulseServerInfo askPulseServer();
+// libpulse's own threads in this process ("threaded-ml"): RtAudio's
+// PulseAudio streams send and receive through one each, at the default
+// priority even when the stream's own thread runs in real time. A short
+// playback queue runs dry when they are starved, so they are raised to the
+// stream thread's priority; 0 raised where the system refuses real time.
+std::vector<pid_t> pulseClientThreads();
+int raiseNewPulseClientThreads(const std::vector<pid_t>& before, int priority);
 
 // Threads: the client's thread opens and closes; the sound layer's
 // real-time thread runs rtAudioCallback(); the supervisor (recovery.cpp)
