@@ -80,8 +80,12 @@ class TAudio2UniversalDevice_p;
 //                 sound server chooses its playback queue. "low": on
 //                 PulseAudio itself, the stream asks for a queue of three
 //                 buffers (streamInfo().playbackQueueBuffers), which
-//                 shortens the round trip and with it the echo delay, at
-//                 the price of less headroom on a busy machine; PipeWire's
+//                 shortens the round trip and with it the echo delay, and
+//                 runs libpulse's threads of a duplex stream at the stream
+//                 thread's real-time priority (where the system grants it),
+//                 so that a busy machine does not run the queue dry. It suits
+//                 "robust" (the standard told delays fit the default queue's
+//                 round trip, not the short one's). PipeWire's
 //                 PulseAudio service, JACK and ALSA are left as they are
 //                 (the request is not an error there). Another value: one
 //                 warning naming it, then "default".
