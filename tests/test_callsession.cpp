@@ -23,7 +23,7 @@ static std::string asked(const std::string& line)
         + std::to_string(c.playbackChannels) + " '" + c.playbackDeviceName + "', capture "
         + std::to_string(c.captureChannels) + " '" + c.captureDeviceName + "'"
         + (c.measureAec ? ", aec" : "") + "; " + QString::number(r.options.durationSeconds).toStdString() + " s, api '"
-        + r.options.api + "', aec '" + r.options.aecMode + "'";
+        + r.options.api + "', aec '" + r.options.aecMode + "', latency '" + r.options.latency + "'";
 }
 
 TEST(CallOptions, ReachTheConfigurationAndAreValidatedAtTheEdges)
@@ -35,6 +35,7 @@ TEST(CallOptions, ReachTheConfigurationAndAreValidatedAtTheEdges)
          "api 'alsa', aec 'robust'"},
         {"--period 10", " 10 ms"}, {"--period 190", " 190 ms"}, {"--rate 8000 --tone 3999", "8000 Hz"},
         {"--list --rate 44100", ""}, {"--aec standard", "aec 'standard'"}, {"--api pulseaudio", "api 'pulseaudio'"},
+        {"--latency low", "latency 'low'"}, {"--calibrate --latency default", "latency 'default'"},
         {"--calibrate --rate 48000 --period 40", "48000 Hz 40 ms"},
     };
     // Each refusal names what it refuses (after the '|'). Listing ignores the call's settings, not the layer.
@@ -42,7 +43,7 @@ TEST(CallOptions, ReachTheConfigurationAndAreValidatedAtTheEdges)
         "--rate fast|fast", "--channels 0|0", "--channels 3|3", "--capture-channels -1|-1", "--capture-channels 3|3",
         "--duration -1|duration", "--duration soon|soon", "--tone 0|tone", "--rate 8000 --tone 4000|4000",
         "--play a.wav --tone 1000|tone", "--play |play", "--loop|loop", "--record out.wav --capture-channels 0|record",
-        "--bogus|bogus", "stray|stray", "--aec Robust|Robust", "--api JACK|JACK", "--list --api oss|oss",
+        "--bogus|bogus", "stray|stray", "--aec Robust|Robust", "--api JACK|JACK", "--list --api oss|oss", "--latency fast|fast",
         "--calibrate --channels 2|channels", "--calibrate --capture-channels 0|capture-", "--calibrate --record a|record",
         "--calibrate --duration 5|duration"};
     for (const auto& [line, shown] : accepted)
