@@ -194,6 +194,31 @@ TEST_F(Stream, ToldDelayAndEchoCancellationMode)
     EXPECT_EQ(device->streamInfo().echoCancellation, "off");
 }
 
+// A short playback queue is asked of PulseAudio only (no server answers here, so none is PipeWire's); unset, the
+// options stay as they were.
+TEST_F(Stream, LowLatencyAsksPulseAudioForAShortQueue)
+{
+    const struct { const char *api, *latency; unsigned buffers; } rows[] = {{"pulseaudio", nullptr, 0},
+        {"pulseaudio", "default", 0}, {"pulseaudio", "low", 3}, {"pulseaudio", "fast", 0}, {"jack", "low", 0},
+        {"alsa", "low", 0}, {nullptr, "low", 0}};
+    setenv("PULSE_SERVER", "unix:/nonexistent/native", 1);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << (row.api ? row.api : "unset") << ", " << (row.latency ? row.latency : "unset"));
+        fresh();
+        if (row.api)
+            setenv("TAUDIO2_API", row.api, 1);
+        if (row.latency)
+            setenv("TAUDIO2_LATENCY", row.latency, 1);
+        device = makeDevice();
+        ASSERT_EQ(open(config()), 0);
+        unsetenv("TAUDIO2_API"), unsetenv("TAUDIO2_LATENCY");
+        EXPECT_EQ(std::make_pair(fakecard::card().opened.options.numberOfBuffers, device->streamInfo().playbackQueueBuffers),
+                  std::make_pair(row.buffers, row.buffers));
+        EXPECT_EQ(warningsStartingWith("TAUDIO2_LATENCY=fast"), row.latency && row.latency[0] == 'f');
+    }
+    unsetenv("PULSE_SERVER");
+}
+
 TEST_F(Stream, SoundLayerFromTheEnvironmentAndTheDeviceList)
 {
     const std::pair<const char*, RtAudio::Api> rows[] = {{nullptr, RtAudio::UNSPECIFIED}, {"jack", RtAudio::UNIX_JACK},
