@@ -79,6 +79,7 @@ TEST_F(Stream, DevicesRatesAndLayouts)
         EXPECT_EQ(std::make_tuple(info.cardRateHz, info.grantedBufferFrames, info.periodMs, info.framesPerPeriod,
                                   info.cardFramesPerPeriod),
                   std::make_tuple(o.sampleRate, o.bufferFrames, period, 16 * period, o.sampleRate * period / 1000));
+        EXPECT_EQ(info.soundLayer, "Dummy");   // what the fake card calls the layer chosen by default
         EXPECT_TRUE(warnings.empty() || row.script) << warnings.front();
         EXPECT_EQ(card.calls[Call::DeviceCount], 1);
         EXPECT_EQ(card.calls[Call::DeviceInfo], int(card.devices.size()));
@@ -188,6 +189,10 @@ TEST_F(Stream, ToldDelayAndEchoCancellationMode)
         EXPECT_EQ(TAudio2UniversalDevice::toldDelayMs(row.shown, row.periodMs, cardOutputChannels()), row.toldMs);
         EXPECT_EQ(warningsStartingWith("TAUDIO2_AEC=loud"), row.mode && row.mode[0] == 'l');
     }
+    fresh();
+    fakecard::card().devices[0].outputChannels = 1;
+    ASSERT_EQ(open(config(16000, 20, 2)), 0);
+    EXPECT_EQ(device->streamInfo().toldDelayMs, 60) << "a stereo client on a mono card plays mono";
     fresh();
     device = makeDevice(false);
     ASSERT_EQ(open(config()), 0);
