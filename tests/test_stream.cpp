@@ -327,6 +327,22 @@ TEST_F(Lifecycle, ALostStreamIsReopenedWhenTheServerIsBack)
     EXPECT_FALSE(device->streamInfo().open);
 }
 
+// A sound layer may cancel its thread inside a callback (a JACK client closing): the unwinding passes through the
+// device instead of ending the process, and the stream comes back.
+TEST_F(Concurrency, ASoundLayerThreadCancelledInACallbackUnwinds)
+{
+    fakecard::card().callbackThreadPauseUs = 2000;
+    answer = [](int call) {
+        if (call == 3)
+            pthread_exit(nullptr);
+        return true;
+    };
+    ASSERT_EQ(open(config()), 0);
+    ASSERT_TRUE(waitFor([this] { return calls >= 10; })) << "the stream did not come back";
+    EXPECT_EQ(device->streamInfo().recoveries, 1u);
+    device->closeStream();
+}
+
 TEST_F(Concurrency, CloseWaitsForARunningCallbackAndNoneStartsAfter)
 {
     std::promise<void> entered, release;

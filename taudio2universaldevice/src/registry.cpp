@@ -8,6 +8,8 @@
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/locks.hpp>
 
+#include <cxxabi.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -211,6 +213,10 @@ int rtAudioCallBack(void* outputBuffer, void* inputBuffer, unsigned nFrames, dou
     // client (a throwing frame callback, say); the stream runs on.
     try {
         return TAudio2UniversalDevice_p::of(*device).rtAudioCallback(outputBuffer, inputBuffer, nFrames, streamTime, status);
+    } catch (const abi::__forced_unwind&) {
+        // The sound layer cancelled its thread (pthread_cancel, pthread_exit):
+        // swallowing the unwinding would abort the process.
+        throw;
     } catch (const std::exception& e) {
         debug("audio2", 0, false) << "rtAudioCallback exception: " << e.what();
     } catch (...) {
