@@ -21,17 +21,12 @@ namespace tamrel {
 PulseServerInfo askPulseServer()
 {
     PulseServerInfo answer;
-    bool answered = false;
     pa_mainloop* loop = pa_mainloop_new();
     pa_context* context = loop ? pa_context_new(pa_mainloop_get_api(loop), "taudio2 server query") : nullptr;
     if (context && pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0) {
-        struct Query {
-            PulseServerInfo& info;
-            bool& answered;
-        } query{answer, answered};
         bool asked = false;
         // A server that does not answer within a second counts as absent.
-        for (const int64_t deadline = steadyNowNs() + 1000000000; !answered && steadyNowNs() < deadline;) {
+        for (const int64_t deadline = steadyNowNs() + 1000000000; !answer.answered && steadyNowNs() < deadline;) {
             if (pa_mainloop_iterate(loop, 0, nullptr) < 0)
                 break;
             const pa_context_state_t state = pa_context_get_state(context);
@@ -42,13 +37,12 @@ PulseServerInfo askPulseServer()
                 pa_operation* operation = pa_context_get_server_info(
                     context,
                     [](pa_context*, const pa_server_info* info, void* data) {
-                        Query& q = *static_cast<Query*>(data);
-                        q.answered = true;
-                        q.info.answered = info != nullptr;
-                        q.info.hasDefaults = info && info->default_sink_name && info->default_source_name;
-                        q.info.pipeWire = info && info->server_name && std::strstr(info->server_name, "PipeWire");
+                        PulseServerInfo& a = *static_cast<PulseServerInfo*>(data);
+                        a.answered = true;
+                        a.hasDefaults = info && info->default_sink_name && info->default_source_name;
+                        a.pipeWire = info && info->server_name && std::strstr(info->server_name, "PipeWire");
                     },
-                    &query);
+                    &answer);
                 if (operation)
                     pa_operation_unref(operation);
             }

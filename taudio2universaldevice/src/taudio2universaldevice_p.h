@@ -42,7 +42,7 @@ inline int64_t steadyNowNs()
 // What a PulseAudio server (or PipeWire's PulseAudio service) says of
 // itself (soundserver.cpp); all false when none answers within a second.
 struct PulseServerInfo {
-    bool answered = false;
+    bool answered = false;   // the server told anything at all
     // RtAudio 5.2 lists a server's devices by copying the default names
     // without looking, and crashes on a server that has none yet, as a
     // restarted one has until its devices are loaded.
