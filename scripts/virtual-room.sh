@@ -20,6 +20,8 @@
 # Signal path:
 #   client playback -> sink "speaker" (default sink)
 #   speaker.monitor -> module-loopback (latency N ms, volume PCT) -> sink "nearend"
+#                      (it may lengthen itself after underruns, by 10 ms at most:
+#                      the room's echo must not drift the way a call's own does)
 #   talker WAV      -> paplay -> sink "nearend"
 #   nearend.monitor -> module-remap-source "mic" (default source) -> client capture
 # The microphone is a remapped source rather than the bare monitor so that it is
@@ -185,7 +187,7 @@ _vr_set_echo() {
     VR_ECHO_MODULE=""
   fi
   module=$(_vr_pactl load-module module-loopback source="$_VR_SPEAKER.monitor" \
-    sink="$_VR_NEAREND" latency_msec="$ms" source_dont_move=true sink_dont_move=true \
+    sink="$_VR_NEAREND" latency_msec="$ms" max_latency_msec=$((ms + 10)) source_dont_move=true sink_dont_move=true \
     "sink_input_properties=\"media.name='Room echo path'\"") || {
     _vr_err "could not create the echo path (module-loopback latency_msec=$ms)"
     return 1
