@@ -1,14 +1,13 @@
-// Calls through the device in simulated rooms: the client plays far-end
-// speech, the fake card's microphone hears the device's own output through a
-// delayed, reverberant echo path, plus a near-end talker and, in some rooms,
-// steady noise, a loudspeaker that clips softly, or a path that changes
-// mid-call. What the client hears shows how much echo was removed and how
-// much of the near end was kept.
+// Calls in simulated rooms: the fake microphone hears the far-end speech the
+// device played through a delayed, reverberant echo path, a near-end talker
+// and, in some rooms, noise, a softly clipping loudspeaker or a path that
+// moves. What the client hears shows the echo removed and the near end kept.
 #include "testsupport.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <numeric>
 
 using namespace tamrel;
 using testsupport::readWav;
@@ -23,23 +22,22 @@ const double NEAR_FROM = 12, BOTH_FROM = 17, FAR_AGAIN = 23, QUIET_FROM = 29, CA
 // Direct sound after `delay` frames plus a diffuse tail (Schroeder: four
 // combs into two all-passes) falling 60 dB in 150 ms, about 6 dB below the
 // loudspeaker; `size` stretches the room.
-class EchoPath {
-public:
-    EchoPath(size_t delay, double size) : m_delay(delay)
+struct EchoPath {
+    EchoPath(size_t delay, double size) : delay(delay)
     {
         for (size_t length : {1426u, 1781u, 1973u, 2098u}) {
             const size_t n = size_t(length * size);
-            m_lines.push_back(Line{std::vector<float>(n), 0, std::pow(10.0f, -3.0f * n / (0.150f * CARD_RATE))});
+            lines.push_back(Line{std::vector<float>(n), 0, std::pow(10.0f, -3.0f * n / (0.150f * CARD_RATE))});
         }
         for (size_t length : {240u, 82u})
-            m_lines.push_back(Line{std::vector<float>(size_t(length * size)), 0, -0.7f});
+            lines.push_back(Line{std::vector<float>(size_t(length * size)), 0, -0.7f});
     }
     float at(const std::vector<float>& speaker, size_t t)
     {
-        const float x = t >= m_delay ? speaker[t - m_delay] : 0.0f;
+        const float x = t >= delay ? speaker[t - delay] : 0.0f;
         float wet = 0;
-        for (size_t i = 0; i < m_lines.size(); ++i) {
-            Line& l = m_lines[i];
+        for (size_t i = 0; i < lines.size(); ++i) {
+            Line& l = lines[i];
             const float delayed = l.buffer[l.pos];
             if (i < 4) {   // comb
                 l.buffer[l.pos] = x + l.gain * delayed;
@@ -54,14 +52,13 @@ public:
         return 0.45f * x + 0.25f * wet;
     }
 
-private:
     struct Line {
         std::vector<float> buffer;
         size_t pos;
         float gain;
     };
-    size_t m_delay;
-    std::vector<Line> m_lines;
+    size_t delay;
+    std::vector<Line> lines;
 };
 
 struct Room {
@@ -79,11 +76,8 @@ struct Figures {
 
 double power(const std::vector<float>& s, double from, double to, int rate)
 {
-    const size_t a = size_t(from * rate), b = std::min(s.size(), size_t(to * rate));
-    double sum = 0;
-    for (size_t i = a; i < b; ++i)
-        sum += double(s[i]) * s[i];
-    return b > a ? sum / double(b - a) : 0.0;
+    const auto a = s.begin() + long(from * rate), b = s.begin() + std::min(long(s.size()), long(to * rate));
+    return b > a ? std::inner_product(a, b, a, 0.0) / double(b - a) : 0.0;
 }
 
 double dB(double ratio) { return 10 * std::log10(ratio); }
@@ -92,6 +86,7 @@ class VirtualRoom : public testsupport::DeviceTest {
 protected:
     Figures call(const Room& room, const char* mode)
     {
+        fresh();
         const std::string dir = TAUDIO2_SPEECH_DIR;
         const std::vector<int16_t> far = readWav(dir + "/far16k.wav"), near = readWav(dir + "/near48k.wav");
         std::vector<double> near16(near.size() / 3);   // what the microphone hears of it, at the client's rate
@@ -109,9 +104,7 @@ protected:
 
         const size_t total = size_t(CALL_END * CARD_RATE);
         std::vector<float> speaker(total), echo(total), nearPart(total), noise(total);
-        double nearPower = 0;
-        for (int16_t s : near)
-            nearPower += double(s) * s / near.size();
+        const double nearPower = std::inner_product(near.begin(), near.end(), near.begin(), 0.0) / double(near.size());
         const double noiseRms = room.noiseSnrDb ? std::sqrt(nearPower) * std::pow(10, -room.noiseSnrDb / 20) : 0;
         EchoPath first(size_t(room.delayMs) * CARD_RATE / 1000, 1.0);
         EchoPath second(size_t(room.changedDelayMs) * CARD_RATE / 1000, 1.13);
@@ -136,8 +129,7 @@ protected:
             noise[t] = float((gauss - 6) * noiseRms) + float((seed >> 20) % 3) - 1.0f;   // hiss floor
             return int16_t(std::clamp(echo[t] + nearPart[t] + noise[t], -32768.0f, 32767.0f));
         };
-        if (mode)
-            setenv("TAUDIO2_AEC", mode, 1);
+        setenv("TAUDIO2_AEC", mode, 1);
         const int code = open(config(CLIENT_RATE, 20, room.stereo ? 2 : 1, 1));
         unsetenv("TAUDIO2_AEC");
         EXPECT_EQ(code, 0);
@@ -196,7 +188,7 @@ protected:
         f.doubleTalkDb = 20 * std::log10(std::max(1e-6, gain(BOTH_FROM + 0.5, FAR_AGAIN) / alone));
         f.noiseReductionDb = room.noiseSnrDb ? dB(power(noise, QUIET_FROM + 0.5, CALL_END, CARD_RATE) / floor) : 0;
         std::printf("room %-22s %-8s ERLE %5.1f dB, converged %.1f s, reconverged %.1f s, near end %+5.1f dB, "
-                    "in double talk %+5.1f dB, noise reduced %4.1f dB\n", room.name, mode ? mode : "standard", f.erle,
+                    "in double talk %+5.1f dB, noise reduced %4.1f dB\n", room.name, mode, f.erle,
                     f.convergedS, f.reconvergedS, f.nearAloneDb, f.doubleTalkDb, f.noiseReductionDb);
         std::fflush(stdout);
         return f;
@@ -222,18 +214,10 @@ TEST_F(VirtualRoom, EchoIsCancelledInEveryRoom)
     };
     for (const Room& room : rooms) {
         SCOPED_TRACE(room.name);
-        for (const char* mode : {"standard", "robust"}) {
-            fresh();
-            const Figures f = call(room, mode);
-            if (std::string(mode) == "standard") {
-                if (&room == &rooms[0]) {
-                    EXPECT_GE(f.erle, 30.0) << "standard mode at its own delay";
-                }
-                continue;
-            }
-            EXPECT_GE(f.erle, 30.0);
-            EXPECT_LE(f.reconvergedS, 3.0);
-            EXPECT_GT(f.nearAloneDb, -6.0);
-        }
+        EXPECT_TRUE(call(room, "standard").erle >= 30.0 || &room != rooms) << "standard mode at its own delay";
+        const Figures f = call(room, "robust");
+        EXPECT_GE(f.erle, 30.0);
+        EXPECT_LE(f.reconvergedS, 3.0);
+        EXPECT_GT(f.nearAloneDb, -6.0);
     }
 }
