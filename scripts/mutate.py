@@ -17,6 +17,7 @@ import os
 import random
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -75,10 +76,14 @@ def candidates(root):
 def run(command, cwd, timeout=None):
     # The fuzz driver runs a few seconds per mutant, not its CI half minute.
     env = dict(os.environ, TAUDIO2_FUZZ_SECONDS=os.environ.get("TAUDIO2_FUZZ_SECONDS", "5"))
+    # In a session of its own, so that a timeout also ends the test a hung mutant left running under ctest.
+    process = subprocess.Popen(command, cwd=cwd, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                               start_new_session=True)
     try:
-        return subprocess.run(command, cwd=cwd, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                              timeout=timeout).returncode
+        return process.wait(timeout=timeout)
     except subprocess.TimeoutExpired:
+        os.killpg(process.pid, signal.SIGKILL)
+        process.wait()
         return "timeout"
 
 
