@@ -3,6 +3,9 @@
 // server. --server=pulseaudio (default) or pipewire runs RealServer (on pulseaudio also AlsaPlugin and
 // RealServerStress), jack JackServer, pipewire-jack (under pw-jack) PipeWireJack and the echo matrix; Soak is run
 // by scripts/soak.sh. Lines starting "real server:" report what was measured.
+#include "callsession.h"
+#include "echodelay.h"
+
 #include <taudio2universaldevice/taudio2universaldevice.h>
 #include <shared/debugstream.h>
 
@@ -14,7 +17,6 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sndfile.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -120,21 +122,15 @@ int playbackUnderruns(std::size_t* mark)
 // format] " each, "none" when there are none.
 std::string streams(const std::string& kind)
 {
-    const std::string list = kind == "sink" ? "sink-inputs" : "source-outputs";
-    std::string json, lines, devices, text, index, device, client, driver, format;
-    EXPECT_EQ(sh("pactl -f json list " + list, &json) + sh("pactl list short " + list, &lines) +
-              sh("pactl list short " + kind + "s", &devices), "");
-    std::set<std::string> ours;
+    std::string json, devices, text;
+    EXPECT_EQ(sh("pactl -f json list " + std::string(kind == "sink" ? "sink-inputs" : "source-outputs"), &json) +
+              sh("pactl -f json list " + kind + "s", &devices), "");
+    std::map<int, std::string> names;
+    for (const QJsonValue d : QJsonDocument::fromJson(devices.c_str()).array())
+        names[d["index"].toInt()] = d["name"].toString().toStdString();
     for (const QJsonValue s : QJsonDocument::fromJson(json.c_str()).array()) {
         if (s["properties"]["application.process.id"].toString().toInt() == getpid())
-            ours.insert(std::to_string(s["index"].toInt()));
-    }
-    std::map<std::string, std::string> names;   // short lists: index, name or device, ...; a stream's format last
-    for (std::istringstream in(devices); in >> index >> device && in.ignore(1 << 20, '\n');)
-        names[index] = device;
-    for (std::istringstream in(lines); in >> index >> device >> client >> driver >> std::ws && std::getline(in, format);) {
-        if (ours.count(index))
-            text += "[" + names[device] + " " + format + "] ";
+            text += "[" + names[s[kind.c_str()].toInt()] + " " + s["sample_specification"].toString().toStdString() + "] ";
     }
     return text.empty() ? "none" : text;
 }
@@ -251,32 +247,16 @@ struct Probe : std::enable_shared_from_this<Probe> {
     std::atomic<int> calls{0}, irregular{0};          // irregular: calls without one period of capture and playback
 };
 
-// A 16-bit mono WAV at the client rate: the speech made here and every recording.
+// A 16-bit mono WAV at the client rate: the far end's speech (made by the build, as for the simulated room) and
+// every recording.
 void readWav(const std::string& path, Samples* samples)
 {
-    SF_INFO info = {};
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    ASSERT_TRUE(file && info.samplerate == RATE && info.channels == 1 && info.frames > 0) << path << ": " << sf_strerror(file);
-    samples->resize(std::size_t(info.frames));
-    EXPECT_EQ(sf_read_short(file, samples->data(), info.frames), info.frames) << path;
-    sf_close(file);
+    call::Clip clip;
+    std::string error;
+    ASSERT_TRUE(call::loadClip(path, RATE, &clip, &error) && clip.channels == 1) << path << ": " << error;
+    *samples = std::move(clip.samples);
 }
-
-// The far end's or the near end's speech, made once per run (espeak-ng renders at its own rate; sox converts).
-void speak(bool nearEnd, Samples* samples)
-{
-    const std::string path = home + (nearEnd ? "/near.wav" : "/far.wav"), raw = path + ".espeak.wav";
-    const char* text = nearEnd ? "Hello from the near end of the call. I am sitting in the room and talking over the far end."
-        : "The quick brown fox jumps over the lazy dog. A journey of a thousand miles begins with a single step. We are "
-          "testing the echo canceller of a voice client with a few plain sentences. Every sentence here is spoken by the "
-          "far end of the call, and it comes back through the room. The weather today is mild, with a light breeze from "
-          "the west and a few clouds over the hills.";
-    if (access(path.c_str(), F_OK) != 0) {
-        ASSERT_EQ(sh("espeak-ng -v " + std::string(nearEnd ? "en-gb+f3" : "en-us") + " -w " + quote(raw) + " " + quote(text) +
-                     " && sox " + quote(raw) + " -r 16000 -c 1 -b 16 " + quote(path)), "") << "scripts/setup.sh installs both";
-    }
-    ASSERT_NO_FATAL_FAILURE(readWav(path, samples));
-}
+const std::string FAR_END_WAV = TAUDIO2_SPEECH_DIR "/far16k.wav", NEAR_END_WAV = TAUDIO2_SPEECH_DIR "/near48k.wav";
 
 // One call: what its callback saw, what the device said of its stream just before the close and, when recorded,
 // the recordings.
@@ -364,19 +344,14 @@ double meanSquare(const Samples& x, std::size_t from, std::size_t to)
 // 10·log10(a / b); a silent b counts as a very small number, not zero.
 double ratioDb(double a, double b) { return 10.0 * std::log10((a + 1e-9) / (b + 1e-9)); }
 
-// The echo's delay in ms: how much later (0 to 500 ms) the capture carries what was played, from sample `from` for
-// `length` samples. Correlated at 4 kHz (sums of four samples): plenty for speech, and a short search.
+// The echo's delay in ms (0 to 500, -1 where none shows): how much later the capture carries what was played, from
+// sample `from` for `length` samples; measured as the call program measures it.
 double echoDelayMs(const Call& c, std::size_t from, std::size_t length)
 {
-    std::vector<double> played, heard;
-    for (std::size_t i = from; i + 4 <= std::min({from + length, c.playback.size(), c.capture.size()}); i += 4) {
-        played.push_back(double(c.playback[i]) + c.playback[i + 1] + c.playback[i + 2] + c.playback[i + 3]);
-        heard.push_back(double(c.capture[i]) + c.capture[i + 1] + c.capture[i + 2] + c.capture[i + 3]);
-    }
-    std::pair<double, std::size_t> best{-1, 0};
-    for (std::size_t lag = 0; lag <= RATE / 8 && lag < heard.size(); ++lag)
-        best = std::max(best, {std::abs(std::inner_product(heard.begin() + long(lag), heard.end(), played.begin(), 0.0)), lag});
-    return double(best.second) * 4000.0 / RATE;
+    const auto part = [&](const Samples& x) {
+        return Samples(x.begin() + long(std::min(from, x.size())), x.begin() + long(std::min(from + length, x.size())));
+    };
+    return call::findRoundTrip(part(c.playback), part(c.capture), RATE, 500).ms;
 }
 
 // The median ERLE of the one-second windows in [from, to) that carry echo (the pauses between sentences carry too
@@ -458,10 +433,11 @@ TEST(RealServer, DuplexStreamRunsOnePeriodPerCallAndReopens)
 // at most 80 ms on PulseAudio and 75 ms on PipeWire.
 TEST(RealServer, EchoCancellationMatrix)
 {
-    Samples farEnd, nearEnd;
-    ASSERT_NO_FATAL_FAILURE(speak(false, &farEnd));
-    ASSERT_NO_FATAL_FAILURE(speak(true, &nearEnd));
+    Samples farEnd;
+    ASSERT_NO_FATAL_FAILURE(readWav(FAR_END_WAV, &farEnd));
     farEnd.resize(std::min<std::size_t>(farEnd.size(), 10 * RATE));
+    const std::string nearEnd = home + "/near.wav";   // five seconds of the near end, over before the next call
+    ASSERT_EQ(sh("sox " + quote(NEAR_END_WAV) + " " + quote(nearEnd) + " trim 0 5"), "");
     int budget = 12;
     for (const std::string latency : {"default", "low"}) {
         if (latency == "low" && server == "pipewire-jack")
@@ -481,13 +457,14 @@ TEST(RealServer, EchoCancellationMatrix)
                 SCOPED_TRACE(cell);
                 const double erleBar = robust ? 30 : 20, nearBar = robust ? -6 : -INFINITY;
                 double delayMs = 0, erle = 0, nearKept = 0;
+                bool longOnly = false;   // the last call's only fault was a long round trip
                 Call c;
                 const std::string unfit = retryDisturbed(cell, 4, budget, [&](bool) {
                     Env aec("TAUDIO2_AEC", mode.c_str()), queue("TAUDIO2_LATENCY", latency.c_str());
                     Clock::time_point opened;
                     recordCall(&c, byName(channels, true), 17s, [&](Device&) {
                         opened = Clock::now();
-                        EXPECT_EQ(room("talk " + quote(home + "/near.wav") + " --after 11"), "");
+                        EXPECT_EQ(room("talk " + quote(nearEnd) + " --after 11"), "");
                     }, farEnd);
                     if (HasFatalFailure())
                         return std::string();
@@ -503,7 +480,10 @@ TEST(RealServer, EchoCancellationMatrix)
                     const double drift = echoDelayMs(c, farEnd.size() / 2, farEnd.size() / 2) - echoDelayMs(c, 0, farEnd.size() / 2);
                     if (std::abs(drift) > 10)
                         note(why, "the echo path moved by " + std::to_string(int(drift)) + " ms");
-                    if (why.empty() && asserted && (erle < erleBar || nearKept < nearBar) && delayMs > usualMaxEchoMs)
+                    // Servers lengthen their queues on a busy machine, so a long round trip is tried again; one that
+                    // stays long fails.
+                    longOnly = why.empty() && delayMs > usualMaxEchoMs && (low || (asserted && (erle < erleBar || nearKept < nearBar)));
+                    if (longOnly)
                         why = "ERLE " + std::to_string(int(erle)) + " dB with an echo delay of " + std::to_string(int(delayMs)) +
                               " ms, past this server's usual " + std::to_string(usualMaxEchoMs) + " ms";
                     return why;
@@ -521,7 +501,7 @@ TEST(RealServer, EchoCancellationMatrix)
                 } else if (asserted) {
                     EXPECT_TRUE(erle >= erleBar && nearKept >= nearBar) << "ERLE " << erle << " dB, near end " << nearKept << " dB";
                 }
-                if (low && unfit.empty()) {
+                if (low && (unfit.empty() || longOnly)) {
                     EXPECT_LE(delayMs, usualMaxEchoMs) << "the round trip at low latency";
                 }
                 fflush(stdout);
@@ -537,7 +517,7 @@ TEST(RealServer, EchoCancellationMatrix)
 TEST(RealServer, LowLatencyCallHoldsUnderLoad)
 {
     Samples speech, farEnd;
-    ASSERT_NO_FATAL_FAILURE(speak(false, &speech));
+    ASSERT_NO_FATAL_FAILURE(readWav(FAR_END_WAV, &speech));
     while (farEnd.size() < std::size_t(60 * RATE))
         farEnd.insert(farEnd.end(), speech.begin(), speech.end());
     Env aec("TAUDIO2_AEC", "robust"), queue("TAUDIO2_LATENCY", "low");
@@ -555,7 +535,18 @@ TEST(RealServer, LowLatencyCallHoldsUnderLoad)
             }
         }
         Call c;
-        recordCall(&c, byName(1, true), 62s, {}, farEnd);
+        std::vector<int> runnable;   // tasks ready to run, each second: the two hogs and this thread, and any others
+        recordCall(&c, byName(1, true), 62s, [&](Device&) {
+            for (int s = 0; s < 60; ++s, std::this_thread::sleep_for(1s)) {
+                std::ifstream stat("/proc/stat");
+                std::string key;
+                while (stat >> key && key != "procs_running")
+                    stat.ignore(1 << 20, '\n');
+                runnable.push_back(0), stat >> runnable.back();
+            }
+        }, farEnd);
+        std::nth_element(runnable.begin(), runnable.begin() + 30, runnable.end());
+        const int others = runnable[30] - 3;   // the median beyond the hogs and this thread
         for (const pid_t pid : hogs)
             kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
         if (HasFatalFailure())
@@ -571,9 +562,17 @@ TEST(RealServer, LowLatencyCallHoldsUnderLoad)
                "end, ERLE median %.1f dB over %d s\n", server.c_str(), p.rate(2s), late, int(c.info.framesLost),
                underruns < 0 ? "unknown" : std::to_string(underruns).c_str(), first, final, erle, windows);
         fflush(stdout);
-        // The hog shares the cores with whatever else runs; only a call that other load disturbed is tried again.
-        if (late > 100 && !last)
-            return "a callback " + std::to_string(late) + " ms late";
+        // The hogs are the load this call must bear; other processes that kept a core busy as well are more, and the
+        // call is tried again, then not asserted. A quiet machine always asserts.
+        std::string why = others > 0 ? std::to_string(others) + " other processes kept running" : "";
+        if (late > 100)
+            note(why, "a callback " + std::to_string(late) + " ms late");
+        if (!why.empty() && !last)
+            return why;
+        if (others > 0) {
+            printf("real server: %s low latency under load: not asserted, %s\n", server.c_str(), why.c_str());
+            return why;
+        }
         EXPECT_LE(underruns, 0);
         EXPECT_EQ(c.info.framesLost, 0u);
         EXPECT_EQ(c.info.recoveries, 0u);
@@ -585,17 +584,15 @@ TEST(RealServer, LowLatencyCallHoldsUnderLoad)
     });
 }
 
-// Odd configurations: the refused ones never reach the server; the others open and are called back, or fail with
+// Odd configurations the device accepts (refusals are the fake card's): each opens and is called back, or fails with
 // the sound layer's reason (printed, as a client would see it).
-TEST(RealServer, OddConfigurationsAreRefusedOrRun)
+TEST(RealServer, OddConfigurationsRunOrFailWithTheServersReason)
 {
-    struct Row { const char* field; int Conf::*member; int value; bool refused; };
-    const Row rows[] = {{"sampleRate", &Conf::sampleRate, 0, true}, {"periodMs", &Conf::periodMs, 0, true},
-                        {"periodMs", &Conf::periodMs, 200, true}, {"playbackChannels", &Conf::playbackChannels, -1, true},
-                        {"sampleRate", &Conf::sampleRate, 1, false}, {"sampleRate", &Conf::sampleRate, 44100, false},
-                        {"periodMs", &Conf::periodMs, 1, false}, {"periodMs", &Conf::periodMs, 199, false},
-                        {"playbackChannels", &Conf::playbackChannels, 3, false}, {"captureChannels", &Conf::captureChannels, 2, false},
-                        {"captureChannels", &Conf::captureChannels, 1000, false}, {"unknown names", nullptr, 0, false}};
+    struct Row { const char* field; int Conf::*member; int value; };
+    const Row rows[] = {{"sampleRate", &Conf::sampleRate, 1},         {"sampleRate", &Conf::sampleRate, 44100},
+                        {"periodMs", &Conf::periodMs, 1},             {"periodMs", &Conf::periodMs, 199},
+                        {"playbackChannels", &Conf::playbackChannels, 3}, {"captureChannels", &Conf::captureChannels, 2},
+                        {"captureChannels", &Conf::captureChannels, 1000}, {"unknown names", nullptr, 0}};
     for (const Row& row : rows) {
         const std::string what = row.field + (row.member ? " " + std::to_string(row.value) : "");
         SCOPED_TRACE(what);
@@ -605,12 +602,10 @@ TEST(RealServer, OddConfigurationsAreRefusedOrRun)
         else
             conf.playbackDeviceName = conf.captureDeviceName = "\xff no such";
         auto device = boost::make_shared<Device>(RATE);
-        auto probe = std::make_shared<Probe>(Samples{}, std::max(conf.playbackChannels, 1));
+        auto probe = std::make_shared<Probe>(Samples{}, conf.playbackChannels);
         std::string error = "unset";
         const int code = device->openStream(conf, probe->callback(), &error);
-        if (row.refused)
-            EXPECT_TRUE(code == -2 && error.rfind(what, 0) == 0 && streams("sink") == "none") << code << ": " << error;
-        else if (code == 0)
+        if (code == 0)
             EXPECT_TRUE(probe->waitForCalls(5, 10s)) << "opened but hardly called back";
         else
             EXPECT_TRUE(code == -4 && error != "unset" && !error.empty()) << code << ": " << error;
@@ -626,7 +621,7 @@ TEST(RealServer, OddConfigurationsAreRefusedOrRun)
 TEST(RealServer, CallComesBackWhenTheServerRestarts)
 {
     Samples farEnd;
-    ASSERT_NO_FATAL_FAILURE(speak(false, &farEnd));
+    ASSERT_NO_FATAL_FAILURE(readWav(FAR_END_WAV, &farEnd));
     const auto cpuSeconds = [] {
         timespec t{};
         clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
@@ -750,7 +745,7 @@ TEST(AlsaPlugin, CallRunsAtThePeriodAlsaGrants)
 TEST(PipeWireJack, CallGoesOnThroughQuantumChanges)
 {
     Samples farEnd;
-    ASSERT_NO_FATAL_FAILURE(speak(false, &farEnd));
+    ASSERT_NO_FATAL_FAILURE(readWav(FAR_END_WAV, &farEnd));
     const auto force = [](int quantum) {
         EXPECT_EQ(sh("pw-metadata -n settings 0 clock.force-quantum " + std::to_string(quantum)), "");
     };
