@@ -34,18 +34,16 @@ TEST(CallOptions, ReachTheConfigurationAndAreValidatedAtTheEdges)
          "--duration 2.5 --api alsa --aec robust", "48000 Hz 30 ms, play 2 'Speakers', capture 0 'Mic', aec; 2.5 s, "
          "api 'alsa', aec 'robust'"},
         {"--period 10", " 10 ms"}, {"--period 190", " 190 ms"}, {"--rate 8000 --tone 3999", "8000 Hz"},
-        {"--list --rate 44100", ""}, {"--aec standard", "aec 'standard'"}, {"--api pulseaudio", "api 'pulseaudio'"},
-        {"--latency low", "latency 'low'"}, {"--calibrate --latency default", "latency 'default'"},
-        {"--calibrate --rate 48000 --period 40", "48000 Hz 40 ms"},
+        {"--list --rate 44100", ""}, {"--aec standard", "aec 'standard'"}, {"--latency low", "latency 'low'"},
+        {"--calibrate --rate 48000 --period 40 --latency default", "48000 Hz 40 ms"},
     };
     // Each refusal names what it refuses (after the '|'). Listing ignores the call's settings, not the layer.
     const std::string refused[] = {"--period 0|0", "--period 25|25", "--period 200|200", "--rate 44100|44100",
         "--rate fast|fast", "--channels 0|0", "--channels 3|3", "--capture-channels -1|-1", "--capture-channels 3|3",
         "--duration -1|duration", "--duration soon|soon", "--tone 0|tone", "--rate 8000 --tone 4000|4000",
         "--play a.wav --tone 1000|tone", "--play |play", "--loop|loop", "--record out.wav --capture-channels 0|record",
-        "--bogus|bogus", "stray|stray", "--aec Robust|Robust", "--api JACK|JACK", "--list --api oss|oss", "--latency fast|fast",
-        "--calibrate --channels 2|channels", "--calibrate --capture-channels 0|capture-", "--calibrate --record a|record",
-        "--calibrate --duration 5|duration"};
+        "--bogus|bogus", "stray|stray", "--aec Robust|Robust", "--api JACK|JACK", "--list --api oss|oss",
+        "--latency fast|fast", "--calibrate --channels 2|channels", "--calibrate --record a|record"};
     for (const auto& [line, shown] : accepted)
         EXPECT_TRUE(asked(line)[0] != '!' && asked(line).find(shown) != std::string::npos) << line << ": " << asked(line);
     for (const std::string& line : refused) {
@@ -54,20 +52,8 @@ TEST(CallOptions, ReachTheConfigurationAndAreValidatedAtTheEdges)
     }
 }
 
-TEST(Signals, WordingLevelsAndTheToneAcrossOddPeriods)
+TEST(Signals, ToneAcrossOddPeriodsAndItsLevel)
 {
-    EXPECT_EQ(openFailureMessage(-4, "busy") + "|" + openFailureMessage(-3, ""),
-              "could not open the audio stream (code -4: the sound system refused to open the devices): busy|"
-              "could not open the audio stream (code -3: no sample rate that both devices support)");
-    EXPECT_EQ(meterBar(6.0, 10) + "|" + meterBar(-32.0, 10) + "|" + meterBar(-90.0, 10) + "|" + meterBar(toDbfs(0), 10)
-                  + " " + formatElapsed(5.26) + " " + formatElapsed(61.0) + " " + formatElapsed(-1),
-              "##########|#####.....|..........|.......... 00:05.2 01:01.0 00:00.0");
-    LevelMeter m;
-    const auto levels = [&m] { return formatDbfs(m.peakDbfs()) + ", " + formatDbfs(m.rmsDbfs()); };
-    EXPECT_EQ(levels(), "-inf dBFS, -inf dBFS");
-    const Samples square = {-32768, 32767, -32768, 32767, 0, 0, 0, 0};   // -32768 is full scale, not an overflow
-    m.add(square.data(), square.size());
-    EXPECT_EQ(levels(), "0.0 dBFS, -3.0 dBFS");
     // The tone in odd periods, as a device may ask, is the tone in one piece: -12 dBFS, 440 Hz, on every channel.
     ToneGenerator whole(440, 16000, DEFAULT_TONE_DBFS), pieces(440, 16000, DEFAULT_TONE_DBFS);
     const std::size_t frames = 16000 * 3;
@@ -76,30 +62,37 @@ TEST(Signals, WordingLevelsAndTheToneAcrossOddPeriods)
     for (std::size_t at = 0, n = 1; at < frames; at += n, n = n % 997 + 311)
         pieces.fill(&b[2 * at], static_cast<int>(std::min(n, frames - at)), 2);
     EXPECT_EQ(a, b);
-    m.reset();
-    m.add(a.data(), a.size());
-    EXPECT_EQ(levels(), "-12.0 dBFS, -15.0 dBFS");
     int crossings = 0, unequal = 0;
     for (std::size_t i = 2; i < a.size(); i += 2)
         crossings += (a[i - 2] < 0) != (a[i] < 0), unequal += a[i] != a[i + 1];
     EXPECT_NEAR(crossings, 2 * 440 * 3, 3);
     EXPECT_EQ(unequal, 0);
+    LevelMeter m;
+    m.add(a.data(), a.size());
+    EXPECT_EQ(formatDbfs(m.peakDbfs()) + ", " + formatDbfs(m.rmsDbfs()), "-12.0 dBFS, -15.0 dBFS");
+    // -32768 is full scale, not an overflow; silence shows an empty bar.
+    const int16_t fullScale = -32768;
+    m.add(&fullScale, 1);
+    EXPECT_EQ(formatDbfs(m.peakDbfs()) + " " + meterBar(-32.0, 10) + " " + meterBar(LevelMeter().rmsDbfs(), 10),
+              "0.0 dBFS #####..... ..........");
 }
 
 TEST(Signals, FarEndLoopsEndsAndMapsChannels)
 {
     // A clip, looped or not, asked for frames on a number of channels: what came out, and whether it has ended.
-    const struct { Clip clip; bool loop; int frames, channels; Samples played; bool finished; } cases[] = {
-        {{{1, 2, 3}, 1, 16000}, true, 8, 1, {1, 2, 3, 1, 2, 3, 1, 2}, false},
-        {{{5, 6, 7}, 1, 16000}, false, 2, 1, {5, 6}, false},
-        {{{5, 6, 7}, 1, 16000}, false, 3, 1, {5, 6, 7}, true},   // ending exactly on a period counts
-        {{{5, 6, 7}, 1, 16000}, false, 5, 1, {5, 6, 7, 0, 0}, true},
-        {{{100, -200}, 1, 16000}, false, 2, 2, {100, 100, -200, -200}, true},
-        {{{1, 2, 3, 4}, 2, 16000}, false, 2, 2, {1, 2, 3, 4}, true}, {{{1, 2, 3, 4}, 4, 16000}, false, 1, 2, {1, 2}, true},
-        {{{32767, 32767, 1000, -3000}, 2, 16000}, false, 2, 1, {32767, -1000}, true},   // mixed without overflow
+    // The clip's samples and channels apart from a Clip: GCC 12 takes a Clip in the table for uninitialised.
+    const struct { Samples clip; int clipChannels; bool loop; int frames, channels; Samples played; bool finished; }
+        cases[] = {
+        {{1, 2, 3}, 1, true, 8, 1, {1, 2, 3, 1, 2, 3, 1, 2}, false},
+        {{5, 6, 7}, 1, false, 2, 1, {5, 6}, false},
+        {{5, 6, 7}, 1, false, 3, 1, {5, 6, 7}, true},   // ending exactly on a period counts
+        {{5, 6, 7}, 1, false, 5, 1, {5, 6, 7, 0, 0}, true},
+        {{100, -200}, 1, false, 2, 2, {100, 100, -200, -200}, true},
+        {{1, 2, 3, 4}, 2, false, 2, 2, {1, 2, 3, 4}, true}, {{1, 2, 3, 4}, 4, false, 1, 2, {1, 2}, true},
+        {{32767, 32767, 1000, -3000}, 2, false, 2, 1, {32767, -1000}, true},   // mixed without overflow
     };
     for (const auto& c : cases) {
-        FarEndSource source(c.clip, c.loop);
+        FarEndSource source(Clip{c.clip, c.clipChannels, 16000}, c.loop);
         Samples played(static_cast<std::size_t>(c.frames * c.channels), -1);
         source.fill(played.data(), c.frames, c.channels);
         EXPECT_TRUE(played == c.played && source.finished() == c.finished) << &c - cases;
@@ -114,7 +107,6 @@ TEST(Signals, ClipFilesLoadAtTheCallRateOnly)
         {"cs_cd.wav", 44100, 1, {1, 2}, "cs_cd.wav is at 44100 Hz but the call runs at 16000 Hz; convert the file"},
         {"cs_wide.wav", 48000, 1, {1, 2},
          "cs_wide.wav is at 48000 Hz but the call runs at 16000 Hz; convert the file or pass --rate 48000"},
-        {"cs_empty.wav", 16000, 1, {}, "cs_empty.wav holds no audio"},
         {"cs_absent.wav", 0, 1, {}, "could not read cs_absent.wav"},   // then libsndfile's words
     };
     for (const auto& c : cases) {
