@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -29,7 +30,7 @@ TEST(DebugLevels, EachSettingLetsThroughItsLinesAndTheRestCostsNothing)
     const Lines upToZero{"debug 0", "info", "forced info", "forced debug 8", "warning"};
     const struct { const char* env; Lines shown; } cases[] = {
         {nullptr, {"warning"}}, {"other=8", {"warning"}},   // a library keeps quiet unless asked
-        {"audio2=0", upToZero}, {"*=0", upToZero}, {"audio2=x,*=0", upToZero},   // a malformed entry is skipped
+        {"audio2=0", upToZero}, {"audio2=x,*=0", upToZero},   // a malformed entry is skipped
         {"audio2=8", {"debug 0", "debug 8", "info", "forced info", "forced debug 8", "warning"}},
         {"audio2=-1", {}}, {"*=8,audio2=-1", {}},
     };
@@ -48,13 +49,11 @@ TEST(DebugLevels, EachSettingLetsThroughItsLinesAndTheRestCostsNothing)
         debug("audio2", 8, true) << "forced debug 8";
         warning("audio2", false) << "warning";
         EXPECT_EQ(sink.lines, c.shown) << (c.env ? c.env : "TAMREL_LOG unset");
+        const bool debug8 = std::find(sink.lines.begin(), sink.lines.end(), "debug 8") != sink.lines.end();
+        EXPECT_EQ(DebugStream::debugEnabled("audio2", 8), debug8);   // the gate the pipeline asks agrees
     }
-    // A level set in code holds until the environment is read again.
-    DebugStream::setLevel("audio2", 8);
-    EXPECT_TRUE(DebugStream::debugEnabled("audio2", 8));
     unsetenv("TAMREL_LOG");
     DebugStream::resetLevels();
-    EXPECT_FALSE(DebugStream::debugEnabled("audio2", 0));
 }
 
 TEST(DebugStream, FlagsAndValuesShapeTheLine)
@@ -62,9 +61,8 @@ TEST(DebugStream, FlagsAndValuesShapeTheLine)
     char text[] = "/home/user";   // any pointer but a const char* shows its address, never what it points to
     const std::string at = fmt::format("0x{:x}", reinterpret_cast<std::uintptr_t>(&text[0]));
     const struct { bool spaced, quoted, suppressed, forced; std::string line; } cases[] = {
-        {false, false, false, false, "a5/home/user" + at}, {true, false, false, false, " a 5 /home/user " + at},
+        {true, false, false, false, " a 5 /home/user " + at}, {false, false, true, true, "a5/home/user" + at},
         {true, true, false, false, R"( "a" "5" "/home/user" ")" + at + "\""},
-        {false, false, true, true, "a5/home/user" + at},
     };
     for (const auto& c : cases) {
         Sink sink;
@@ -75,9 +73,6 @@ TEST(DebugStream, FlagsAndValuesShapeTheLine)
         }
         EXPECT_EQ(sink.lines, Lines{c.line});
     }
-    Sink sink;
-    warning("test", false) << true << "|" << false << "|" << 4000000000u << "|" << 18446744073709551615ull << "|" << -7;
-    EXPECT_EQ(sink.lines, Lines{"true|false|4000000000|18446744073709551615|-7"});
 }
 
 TEST(DebugBursts, RepeatedLinesAreCountedNotWritten)
