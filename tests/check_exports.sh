@@ -3,7 +3,6 @@
 # clients could come to rely on), but for webrtc's option keys, which must be shared with webrtc.
 set -euo pipefail
 symbols=$(nm -DC --defined-only "${1:?usage: check_exports.sh LIBRARY}" | cut -d' ' -f3-)
-echo "$symbols"
 class='tamrel::TAudio2UniversalDevice'
 key='webrtc::Config::identifier<webrtc::(ExtendedFilter|DelayAgnostic)>\(\)::id_placeholder'
 stray=$(grep -vxE "((typeinfo|typeinfo name|vtable) for )?$class(::.*)?|$key" <<< "$symbols" || true)
