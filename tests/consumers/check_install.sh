@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
 # What a client gets from an install:  tests/consumers/check_install.sh BUILD_DIR
-# The build installed into a temporary prefix, and the Debian packages built from the source tree (kept in
-# BUILD_DIR/debian-packages) into a scratch root. Against each: every program starts and its manual page names
-# all its options; two clients (find_package; g++ and pkg-config on the README's example) build and run, with
-# nothing but that prefix or root, in a private virtual room. A few minutes, mostly the packages.
+# The build in a temporary prefix and the Debian packages (kept in BUILD_DIR/debian-packages) in a scratch root:
+# each program's manual page names all its options; two clients (find_package; pkg-config on the README's
+# example) build and run with nothing but that prefix or root. A few minutes, mostly the packages.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 build=$(cd "${1:?usage: check_install.sh BUILD_DIR}" && pwd)
@@ -16,17 +15,15 @@ flags=(-Wall -Wextra -Wpedantic -Werror)
 awk '/^```cpp$/ { inside = 1; next } /^```$/ && inside { exit } inside' "$root/README.md" > "$work/readme_client.cpp"
 
 check() {   # NAME DIR PC_DIR [LINKER FLAGS]: DIR's programs and manual pages; both clients into $work/NAME
-  local name=$1 dir=$2 pc_dir=$3 program page option
+  local name=$1 dir=$2 pc_dir=$3 program page help option
   shift 3
   for program in "$dir"/bin/*; do
-    page="$dir/share/man/man1/$(basename "$program").1.gz"
-    [ -e "$page" ] || page=${page%.gz}
-    [ -e "$page" ] || fail "$program has no manual page"
-    "$program" --help > "$work/help.txt"
-    zcat -f "$page" | sed 's/\\-/-/g' > "$work/page.txt"
-    while read -r option; do
-      grep -qF -- "$option" "$work/page.txt" || fail "the manual page of $program lacks $option"
-    done < <(grep -oE -- '--[a-z][a-z-]+' "$work/help.txt" | sort -u)
+    page=$(zcat -f "$dir/share/man/man1/$(basename "$program")".1* | sed 's/\\-/-/g') \
+      || fail "$program has no manual page"
+    help=$("$program" --help)
+    for option in $(grep -oE -- '--[a-z][a-z-]+' <<< "$help" | sort -u); do
+      grep -qF -- "$option" <<< "$page" || fail "the manual page of $program lacks $option"
+    done
   done
   cmake -S "$root/tests/consumers/cmake" -B "$work/$name/cmake" -DCMAKE_PREFIX_PATH="$dir" \
     -DCMAKE_CXX_FLAGS="${flags[*]}" > /dev/null
@@ -40,12 +37,11 @@ check() {   # NAME DIR PC_DIR [LINKER FLAGS]: DIR's programs and manual pages; b
 run_client() {   # COMMAND...: in the room; a call disturbed by a loaded machine (status 3) is retried
   local status
   for _ in 1 2 3; do
-    status=0
-    "$@" > "$work/run.txt" 2>&1 || status=$?
-    sed 's/^/   /' "$work/run.txt"
+    "$@" && return
+    status=$?
     [ "$status" -eq 3 ] || break
   done
-  [ "$status" -eq 0 ] || fail "$* failed (exit status $status)"
+  fail "$* failed (exit status $status)"
 }
 
 echo "-- install into a temporary prefix"
