@@ -76,15 +76,20 @@ def candidates(root):
 def run(command, cwd, timeout=None):
     # The fuzz driver runs a few seconds per mutant, not its CI half minute.
     env = dict(os.environ, TAUDIO2_FUZZ_SECONDS=os.environ.get("TAUDIO2_FUZZ_SECONDS", "5"))
-    # In a session of its own, so that a timeout also ends the test a hung mutant left running under ctest.
+    # In a session of its own, which is ended afterwards: a mutant can hang a test, or a process the test forked,
+    # past ctest's return or its timeout.
     process = subprocess.Popen(command, cwd=cwd, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                start_new_session=True)
     try:
-        return process.wait(timeout=timeout)
+        result = process.wait(timeout=timeout)
     except subprocess.TimeoutExpired:
+        result = "timeout"
+    try:
         os.killpg(process.pid, signal.SIGKILL)
-        process.wait()
-        return "timeout"
+    except ProcessLookupError:
+        pass
+    process.wait()
+    return result
 
 
 def main():
