@@ -44,7 +44,8 @@ BareReference::BareReference(bool robust, int toldDelayMs)
     m_apm->high_pass_filter()->Enable(true);
     m_apm->echo_cancellation()->enable_drift_compensation(false);
     m_apm->echo_cancellation()->Enable(true);
-    m_apm->echo_cancellation()->set_suppression_level(webrtc::EchoCancellation::kHighSuppression);
+    m_apm->echo_cancellation()->set_suppression_level(robust ? webrtc::EchoCancellation::kModerateSuppression
+                                                             : webrtc::EchoCancellation::kHighSuppression);
     m_apm->gain_control()->set_mode(webrtc::GainControl::kFixedDigital);
     m_apm->gain_control()->Enable(true);
     m_apm->noise_suppression()->set_level(webrtc::NoiseSuppression::kHigh);

@@ -199,17 +199,19 @@ TEST_F(Stream, ToldDelayAndEchoCancellationMode)
     EXPECT_EQ(device->streamInfo().echoCancellation, "off");
 }
 
-// The sound layer asked of RtAudio, and a short playback queue asked of PulseAudio only (no server answers here, so
-// none is PipeWire's); unset, the options stay as they were. An unknown value is named in a warning.
-TEST_F(Stream, SoundLayerAndLatencyFromTheEnvironment)
+// The sound layer asked of RtAudio, a short playback queue asked of PulseAudio only (no server answers here, so none
+// is PipeWire's), and the shorter delay robust mode is told where the round trip is short (JACK, the short queue);
+// unset, the options stay as they were. An unknown value is named in a warning.
+TEST_F(Stream, SoundLayerLatencyAndRobustDelayFromTheEnvironment)
 {
-    const struct { const char *api, *latency; RtAudio::Api layer; unsigned buffers; } rows[] = {
-        {nullptr, nullptr, RtAudio::UNSPECIFIED, 0}, {"pulseaudio", nullptr, RtAudio::LINUX_PULSE, 0},
-        {"pulseaudio", "default", RtAudio::LINUX_PULSE, 0}, {"pulseaudio", "low", RtAudio::LINUX_PULSE, 3},
-        {"pulseaudio", "fast", RtAudio::LINUX_PULSE, 0}, {"jack", "low", RtAudio::UNIX_JACK, 0},
-        {"alsa", "low", RtAudio::LINUX_ALSA, 0}, {"oss", "low", RtAudio::UNSPECIFIED, 0},
-        {nullptr, "low", RtAudio::UNSPECIFIED, 0}};
+    const struct { const char *api, *latency; RtAudio::Api layer; unsigned buffers; int robustToldMs; } rows[] = {
+        {nullptr, nullptr, RtAudio::UNSPECIFIED, 0, 100}, {"pulseaudio", nullptr, RtAudio::LINUX_PULSE, 0, 100},
+        {"pulseaudio", "default", RtAudio::LINUX_PULSE, 0, 100}, {"pulseaudio", "low", RtAudio::LINUX_PULSE, 3, 40},
+        {"pulseaudio", "fast", RtAudio::LINUX_PULSE, 0, 100}, {"jack", nullptr, RtAudio::UNIX_JACK, 0, 40},
+        {"jack", "low", RtAudio::UNIX_JACK, 0, 40}, {"alsa", "low", RtAudio::LINUX_ALSA, 0, 100},
+        {"oss", "low", RtAudio::UNSPECIFIED, 0, 100}, {nullptr, "low", RtAudio::UNSPECIFIED, 0, 100}};
     setenv("PULSE_SERVER", "unix:/nonexistent/native", 1);
+    setenv("TAUDIO2_AEC", "robust", 1);
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << (row.api ? row.api : "unset") << ", " << (row.latency ? row.latency : "unset"));
         fresh();
@@ -220,13 +222,16 @@ TEST_F(Stream, SoundLayerAndLatencyFromTheEnvironment)
         device = makeDevice();
         ASSERT_EQ(open(config()), 0);
         unsetenv("TAUDIO2_API"), unsetenv("TAUDIO2_LATENCY");
+        const TAudio2UniversalDevice::StreamInfo info = device->streamInfo();
         EXPECT_EQ(fakecard::card().requestedApi, row.layer);
-        EXPECT_EQ(std::make_pair(fakecard::card().opened.options.numberOfBuffers, device->streamInfo().playbackQueueBuffers),
+        EXPECT_EQ(std::make_pair(fakecard::card().opened.options.numberOfBuffers, info.playbackQueueBuffers),
                   std::make_pair(row.buffers, row.buffers));
+        EXPECT_EQ(std::make_pair(info.toldDelayMs, info.shortRoundTrip), std::make_pair(row.robustToldMs, row.robustToldMs == 40));
+        EXPECT_EQ(TAudio2UniversalDevice::toldDelayMs("robust", 20, 1, info.shortRoundTrip), row.robustToldMs);
         EXPECT_EQ(warningsStartingWith("TAUDIO2_API=oss"), row.api && row.api[0] == 'o');
         EXPECT_EQ(warningsStartingWith("TAUDIO2_LATENCY=fast"), row.latency && row.latency[0] == 'f');
     }
-    unsetenv("PULSE_SERVER");
+    unsetenv("PULSE_SERVER"), unsetenv("TAUDIO2_AEC");
 }
 
 // Devices by direction, duplex ones in both, unprobed ones not, defaults marked.

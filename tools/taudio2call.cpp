@@ -456,11 +456,11 @@ void printSummary(const CallOptions& options, const CallTotals& totals, const Re
     std::cout << std::flush;
 }
 
-// The delay the device tells robust mode in this call's configuration.
-int robustToldMs(const CallOptions& options)
+// The delay the device tells robust mode in this call's configuration, on this stream's server.
+int robustToldMs(const CallOptions& options, const TAudio2UniversalDevice::StreamInfo& stream)
 {
     return TAudio2UniversalDevice::toldDelayMs("robust", options.periodMs,
-                                               static_cast<unsigned>(options.playbackChannels));
+                                               static_cast<unsigned>(options.playbackChannels), stream.shortRoundTrip);
 }
 
 // Beside the recordings, so the report can judge the echo delay it measures
@@ -468,7 +468,7 @@ int robustToldMs(const CallOptions& options)
 void writeCallRecord(const CallOptions& options, const TAudio2UniversalDevice::StreamInfo& stream, bool ended)
 {
     const CallRecord record{options.rate, options.playbackChannels, options.captureChannels, stream,
-                            robustToldMs(options), ended};
+                            robustToldMs(options, stream), ended};
     std::ofstream(homeFile(CALL_RECORD_FILE)) << callRecordJson(record);
 }
 
@@ -610,7 +610,7 @@ int calibrateOne(const CallOptions& options)
         std::snprintf(line, sizeof line, "round trip %.0f ms, told %d ms: echo %+.0f ms from the told delay", trip.ms,
                       told, trip.ms - told);
     std::cout << label << line << " (" << mode << " mode) -> "
-              << verdictText(judgeEchoDelay(trip.ms, told, mode, robustToldMs(options))) << std::endl;
+              << verdictText(judgeEchoDelay(trip.ms, told, mode, robustToldMs(options, opened))) << std::endl;
     return EXIT_OK;
 }
 

@@ -30,7 +30,7 @@ const unsigned LOW_LATENCY_BUFFERS = 3;
 // server, 0 for the server's own choice. Only PulseAudio itself gains from
 // a short queue; PipeWire's service keeps its own short one whatever it is
 // asked, and JACK and ALSA have no such queue.
-unsigned playbackQueueBuffers(RtAudio::Api api)
+unsigned playbackQueueBuffers(RtAudio::Api api, bool pipeWire)
 {
     const char* latency = std::getenv("TAUDIO2_LATENCY");
     if (!latency || std::strcmp(latency, "default") == 0)
@@ -39,7 +39,7 @@ unsigned playbackQueueBuffers(RtAudio::Api api)
         warning("audio2", false) << "TAUDIO2_LATENCY=" << latency << " is not a latency (default, low); using default";
         return 0;
     }
-    if (api != RtAudio::LINUX_PULSE || askPulseServer().pipeWire) {
+    if (api != RtAudio::LINUX_PULSE || pipeWire) {
         debug("audio2", 0, false) << "In universal device TAUDIO2_LATENCY=low leaves the queue to "
                                   << RtAudio::getApiDisplayName(api);
         return 0;
@@ -204,11 +204,13 @@ int TAudio2UniversalDevice_p::open(TAudio2UniversalDevice& device, const TAudio2
     int result = negotiate(configuration, errorText);
     if (result != 0)
         return result;
-    const unsigned queueBuffers = playbackQueueBuffers(m_api);
+    const bool pipeWire = m_api == RtAudio::LINUX_PULSE && askPulseServer().pipeWire;
+    const unsigned queueBuffers = playbackQueueBuffers(m_api, pipeWire);
     {
         boost::lock_guard<boost::mutex> lock(m_mutex);
         m_useVoicePreprocessor = device.m_hasVoicePreprocessor;
         m_playbackQueueBuffers = queueBuffers;
+        m_shortRoundTrip = m_api == RtAudio::UNIX_JACK || pipeWire || queueBuffers > 0;
     }
 
     registerDevice(device);

@@ -26,6 +26,7 @@ TAudio2UniversalDevice::StreamInfo TAudio2UniversalDevice::streamInfo() const
     info.cardFramesPerPeriod = p.m_deviceChunkFrames;
     info.toldDelayMs = p.m_aecDelay;
     info.playbackQueueBuffers = p.m_playbackQueueBuffers;
+    info.shortRoundTrip = p.m_shortRoundTrip;
     info.echoCancellation = !p.m_useVoicePreprocessor ? "off" : p.m_robustEchoCancellation ? "robust" : "standard";
     return info;
 }

@@ -136,6 +136,7 @@ public:
     uint32_t m_clientPlaybackChannels;   // the client writes this many
     int32_t m_aecDelay;                  // ms, the echo delay the canceller is told
     unsigned m_playbackQueueBuffers;     // playback queue asked of the server; 0: the server's choice
+    bool m_shortRoundTrip;               // JACK, PipeWire or PulseAudio's short queue: robust mode is told less
     unsigned m_outputDevice;             // the sound layer's device indexes
     unsigned m_inputDevice;
 

@@ -49,16 +49,18 @@ webrtc::AudioProcessing* createRobustModule()
 
 } // namespace
 
-int TAudio2UniversalDevice::toldDelayMs(const std::string& echoCancellation, int periodMs, unsigned playbackChannels)
+int TAudio2UniversalDevice::toldDelayMs(const std::string& echoCancellation, int periodMs, unsigned playbackChannels,
+                                        bool shortRoundTrip)
 {
     // Hardware buffers are never shorter than 20 ms.
     const int64_t period = std::max<int64_t>(20, periodMs);
-    // The robust canceller takes an echo from some 50 ms before to 100 ms
-    // after the told delay; five periods put both PulseAudio's round trip
-    // (8 to 10 periods, the longer on a busy machine) and PipeWire's (2 to 3)
-    // inside that, whatever the output.
+    // The robust canceller cancels best an echo 20 to 50 ms after the told
+    // delay and still takes one from some 50 ms before to 100 ms after.
+    // PulseAudio's own queue brings the echo back 8 to 10 periods after the
+    // buffer (the longer on a busy machine); JACK, PipeWire and PulseAudio's
+    // short queue after 2 to 4.
     if (echoCancellation == "robust")
-        return static_cast<int>(std::min<int64_t>(5 * period, INT32_MAX));
+        return static_cast<int>(std::min<int64_t>((shortRoundTrip ? 2 : 5) * period, INT32_MAX));
     // A two-channel output goes through the desktop mixer, whose delay is
     // measured rather than derived from the period.
     if (playbackChannels == 2)
@@ -99,7 +101,10 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
     m_apm->high_pass_filter()->Enable(true);
     m_apm->echo_cancellation()->enable_drift_compensation(false);
     m_apm->echo_cancellation()->Enable(true);
-    m_apm->echo_cancellation()->set_suppression_level(webrtc::EchoCancellation::kHighSuppression);
+    // Robust mode suppresses less: as much echo removed in every room tried,
+    // and a near end talking over the far end keeps 5 dB more.
+    m_apm->echo_cancellation()->set_suppression_level(robust ? webrtc::EchoCancellation::kModerateSuppression
+                                                             : webrtc::EchoCancellation::kHighSuppression);
     m_apm->gain_control()->set_mode(webrtc::GainControl::kFixedDigital);
     m_apm->gain_control()->Enable(true);
     m_apm->noise_suppression()->set_level(webrtc::NoiseSuppression::kHigh);
@@ -107,7 +112,7 @@ void TAudio2UniversalDevice_p::setupVoiceProcessing(const TAudio2StreamConfigura
     m_apm->voice_detection()->Enable(false);
 
     m_aecDelay = TAudio2UniversalDevice::toldDelayMs(robust ? "robust" : "standard", configuration.periodMs,
-                                                     m_playbackChannels);
+                                                     m_playbackChannels, m_shortRoundTrip);
     debug("audio2", 0, false) << "Universal device buffer period=" << m_minPeriodMs
                               << ", pimpl->m_aecDelay=" << static_cast<unsigned>(m_aecDelay);
 

@@ -140,6 +140,7 @@ public:
         unsigned cardFramesPerPeriod = 0;   // at the card's rate
         int toldDelayMs = 0;                // echo delay the canceller is told
         unsigned playbackQueueBuffers = 0;  // playback queue asked of the server; 0: its own choice
+        bool shortRoundTrip = false;        // JACK, PipeWire or PulseAudio's short queue: see toldDelayMs()
         std::string echoCancellation;       // "standard", "robust" or "off"
         uint64_t framesCarried = 0;         // card frames held over to a later buffer (not whole periods)
         uint64_t framesLost = 0;            // card frames dropped (stalls, a lost stream)
@@ -212,10 +213,14 @@ public:
 
     // The echo delay, in ms, that a stream's canceller is told (what
     // streamInfo().toldDelayMs shows once it is open): for echoCancellation
-    // "robust", 5 x the period; otherwise UNIVERSAL_DEVICE_DELAY on a
-    // two-channel output and 3 x the period on any other. Periods below
-    // 20 ms count as 20 (the hardware buffer's floor). Any thread.
-    static int toldDelayMs(const std::string& echoCancellation, int periodMs, unsigned playbackChannels);
+    // "robust", 2 x the period where the stream's round trip is short
+    // (streamInfo().shortRoundTrip: on JACK, on PipeWire's PulseAudio
+    // service, or with TAUDIO2_LATENCY=low on PulseAudio) and 5 x the period
+    // elsewhere; otherwise UNIVERSAL_DEVICE_DELAY on a two-channel output and
+    // 3 x the period on any other. Periods below 20 ms count as 20 (the
+    // hardware buffer's floor). Any thread.
+    static int toldDelayMs(const std::string& echoCancellation, int periodMs, unsigned playbackChannels,
+                           bool shortRoundTrip = false);
 
     // A snapshot of the stream. Without an open stream: open false and the
     // facts and counters of the last one. Any thread but the frame
