@@ -122,15 +122,21 @@ int playbackUnderruns(std::size_t* mark)
 // format] " each, "none" when there are none.
 std::string streams(const std::string& kind)
 {
-    std::string json, devices, text;
-    EXPECT_EQ(sh("pactl -f json list " + std::string(kind == "sink" ? "sink-inputs" : "source-outputs"), &json) +
-              sh("pactl -f json list " + kind + "s", &devices), "");
-    std::map<int, std::string> names;
-    for (const QJsonValue d : QJsonDocument::fromJson(devices.c_str()).array())
-        names[d["index"].toInt()] = d["name"].toString().toStdString();
+    const std::string list = kind == "sink" ? "sink-inputs" : "source-outputs";
+    std::string json, lines, devices, text, index, device, client, driver, format;
+    EXPECT_EQ(sh("pactl -f json list " + list, &json) + sh("pactl list short " + list, &lines) +
+              sh("pactl list short " + kind + "s", &devices), "");
+    std::set<std::string> ours;
     for (const QJsonValue s : QJsonDocument::fromJson(json.c_str()).array()) {
         if (s["properties"]["application.process.id"].toString().toInt() == getpid())
-            text += "[" + names[s[kind.c_str()].toInt()] + " " + s["sample_specification"].toString().toStdString() + "] ";
+            ours.insert(std::to_string(s["index"].toInt()));
+    }
+    std::map<std::string, std::string> names;   // short lists: index, name or device, ...; a stream's format last
+    for (std::istringstream in(devices); in >> index >> device && in.ignore(1 << 20, '\n');)
+        names[index] = device;
+    for (std::istringstream in(lines); in >> index >> device >> client >> driver >> std::ws && std::getline(in, format);) {
+        if (ours.count(index))
+            text += "[" + names[device] + " " + format + "] ";
     }
     return text.empty() ? "none" : text;
 }
@@ -484,8 +490,8 @@ TEST(RealServer, EchoCancellationMatrix)
                     // stays long fails.
                     longOnly = why.empty() && delayMs > usualMaxEchoMs && (low || (asserted && (erle < erleBar || nearKept < nearBar)));
                     if (longOnly)
-                        why = "ERLE " + std::to_string(int(erle)) + " dB with an echo delay of " + std::to_string(int(delayMs)) +
-                              " ms, past this server's usual " + std::to_string(usualMaxEchoMs) + " ms";
+                        why = "an echo delay of " + std::to_string(int(delayMs)) + " ms, past this server's usual " +
+                              std::to_string(usualMaxEchoMs) + " ms (ERLE " + std::to_string(int(erle)) + " dB)";
                     return why;
                 });
                 ASSERT_FALSE(HasFatalFailure());
