@@ -1,5 +1,5 @@
-// What the client hears and the card plays: frames, tones, the canceller's
-// microphone, refusals, stalls and the diagnostic recordings.
+// What the client hears and the card plays: frames, tones, the canceller's microphone, refusals, stalls and the
+// diagnostic recordings.
 #include "testsupport.h"
 
 #include <atomic>
@@ -45,8 +45,8 @@ protected:
     }
 };
 
-// At equal rates without voice processing every frame passes once, in order and
-// bit for bit, both ways, whatever the buffers; playback at most a period late.
+// At equal rates without voice processing every frame passes once, in order and bit for bit, both ways, whatever
+// the buffers; playback at most a period late.
 TEST_F(Audio, EveryFrameOnceAndInOrder)
 {
     std::mt19937 random(7);
@@ -88,8 +88,8 @@ TEST_F(Audio, EveryFrameOnceAndInOrder)
     }
 }
 
-// Each channel plays its own tone at its level, a stereo client on a mono card
-// its left channel whole (no band limit, no image); odd buffers leave no gap.
+// Each channel plays its own tone at its level, a stereo client on a mono card its left channel whole (no band
+// limit, no image); odd buffers leave no gap.
 TEST_F(Audio, TonesThroughTheConvertersInEveryLayout)
 {
     const struct {
@@ -133,8 +133,8 @@ TEST_F(Audio, TonesThroughTheConvertersInEveryLayout)
     }
 }
 
-// The canceller and the raw recording take the first microphone of several; the
-// recordings are mono at the client's rate, without the period the client refused.
+// The canceller and the raw recording take the first microphone of several; the recordings are mono at the client's
+// rate, without the period the client refused.
 TEST_F(Audio, TheFirstMicrophoneFeedsTheCancellerAndTheRecordings)
 {
     const Signal speech = [](size_t f, unsigned) {
@@ -155,12 +155,11 @@ TEST_F(Audio, TheFirstMicrophoneFeedsTheCancellerAndTheRecordings)
             energy[speaking] += double(heard[i]) * heard[i];
         device->closeStream();
 
-        int rate = 0, channels = 0;
-        const auto raw = readWav(homeFile("capture.wav"), &rate, &channels);
-        EXPECT_EQ(std::make_tuple(rate, channels, raw.size()), std::make_tuple(16000, 1, heard.size()));
-        EXPECT_EQ(std::count(raw.begin(), raw.end(), 0) < long(raw.size()), speaking == 0) << "microphone " << speaking;
-        EXPECT_EQ(readWav(homeFile("capture_aec.wav")), heard);
-        const auto playback = readWav(homeFile("playback.wav"));
+        const auto raw = wav(homeFile("capture.wav"), 16000);   // empty at another rate
+        EXPECT_EQ(std::make_pair(raw.channels, raw.samples.size()), std::make_pair(1, heard.size()));
+        EXPECT_EQ(std::count(raw.samples.begin(), raw.samples.end(), 0) < long(raw.frames()), speaking == 0) << speaking;
+        EXPECT_EQ(wav(homeFile("capture_aec.wav"), 16000).samples, heard);
+        const auto playback = wav(homeFile("playback.wav"), 16000).samples;
         EXPECT_EQ(playback.size(), 99u * 320) << "the refused period is not recorded";
         EXPECT_NEAR(toneLevel(playback, 1, 0, 500, 16000), 8000, 800) << "the left channel";
     }
@@ -168,11 +167,11 @@ TEST_F(Audio, TheFirstMicrophoneFeedsTheCancellerAndTheRecordings)
 
     // A new device clears them; without voice processing none are written.
     makeDevice();
-    EXPECT_TRUE(readWav(homeFile("capture.wav")).empty());
+    EXPECT_TRUE(wav(homeFile("capture.wav"), 16000).samples.empty());
     openCard(48000, 2, 1, config(16000, 20, 2, 1, true), false);
     deliver(960);
     device->closeStream();
-    EXPECT_TRUE(readWav(homeFile("playback.wav")).empty());
+    EXPECT_TRUE(wav(homeFile("playback.wav"), 16000).samples.empty());
     // A home that cannot be written to: the call goes on without them.
     setenv("HOME", "/proc", 1);
     openCard(48000, 2, 1, config(16000, 20, 2, 1, true), true);
@@ -180,8 +179,8 @@ TEST_F(Audio, TheFirstMicrophoneFeedsTheCancellerAndTheRecordings)
     EXPECT_EQ(calls, 1);
 }
 
-// A refused period silences the rest of the buffer, never stale audio, and the stream
-// runs on. A buffer of 200 ms or more, at any rate, is a stall catching up: dropped.
+// A refused period silences the rest of the buffer, never stale audio, and the stream runs on. A buffer of 200 ms or
+// more, at any rate, is a stall catching up: dropped.
 TEST_F(Audio, RefusalsAndStalls)
 {
     answer = [](int call) { return call != 1; };

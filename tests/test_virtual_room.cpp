@@ -1,6 +1,5 @@
-// Calls in simulated rooms: the fake microphone hears the far-end speech the
-// device played through a delayed, reverberant echo path, a near-end talker
-// and, in some rooms, noise, a softly clipping loudspeaker or a path that
+// Calls in simulated rooms: the fake microphone hears the far-end speech the device played through a delayed,
+// reverberant echo path, a near-end talker and, in some rooms, noise, a softly clipping loudspeaker or a path that
 // moves. What the client hears shows the echo removed and the near end kept.
 #include "testsupport.h"
 
@@ -10,27 +9,28 @@
 #include <numeric>
 
 using namespace tamrel;
-using testsupport::readWav;
 
 namespace {
 
 const int CARD_RATE = 48000, CLIENT_RATE = 16000;
-// The call, in seconds: far end alone, near end alone, both, far end alone
-// again (the path changes at its start), then silence for the noise floor.
+// The call, in seconds: far end alone, near end alone, both, far end alone again (the path changes at its start),
+// then silence for the noise floor.
 const double NEAR_FROM = 12, BOTH_FROM = 17, FAR_AGAIN = 23, QUIET_FROM = 29, CALL_END = 31;
 
-// Direct sound after `delay` frames plus a diffuse tail (Schroeder: four
-// combs into two all-passes) falling 60 dB in 150 ms, about 6 dB below the
-// loudspeaker; `size` stretches the room.
+// Direct sound after `delay` frames plus a diffuse tail (Schroeder: four combs into two all-passes) falling 60 dB in
+// 150 ms, about 6 dB below the loudspeaker; `size` stretches the room.
 struct EchoPath {
+    struct Line { std::vector<float> buffer; size_t pos; float gain; };
+    size_t delay;
+    std::vector<Line> lines;   // four combs, then two all-passes
+
     EchoPath(size_t delay, double size) : delay(delay)
     {
-        for (size_t length : {1426u, 1781u, 1973u, 2098u}) {
+        for (size_t length : {1426u, 1781u, 1973u, 2098u, 240u, 82u}) {
             const size_t n = size_t(length * size);
-            lines.push_back(Line{std::vector<float>(n), 0, std::pow(10.0f, -3.0f * n / (0.150f * CARD_RATE))});
+            lines.push_back({std::vector<float>(n), 0,
+                             lines.size() < 4 ? std::pow(10.0f, -3.0f * n / (0.150f * CARD_RATE)) : -0.7f});
         }
-        for (size_t length : {240u, 82u})
-            lines.push_back(Line{std::vector<float>(size_t(length * size)), 0, -0.7f});
     }
     float at(const std::vector<float>& speaker, size_t t)
     {
@@ -39,26 +39,14 @@ struct EchoPath {
         for (size_t i = 0; i < lines.size(); ++i) {
             Line& l = lines[i];
             const float delayed = l.buffer[l.pos];
-            if (i < 4) {   // comb
-                l.buffer[l.pos] = x + l.gain * delayed;
-                wet += delayed;
-            } else {       // all-pass
-                const float v = wet - l.gain * delayed;
-                l.buffer[l.pos] = v;
-                wet = delayed + l.gain * v;
-            }
+            if (i < 4)
+                l.buffer[l.pos] = x + l.gain * delayed, wet += delayed;
+            else
+                l.buffer[l.pos] = wet - l.gain * delayed, wet = delayed + l.gain * l.buffer[l.pos];
             l.pos = (l.pos + 1) % l.buffer.size();
         }
         return 0.45f * x + 0.25f * wet;
     }
-
-    struct Line {
-        std::vector<float> buffer;
-        size_t pos;
-        float gain;
-    };
-    size_t delay;
-    std::vector<Line> lines;
 };
 
 struct Room {
@@ -87,20 +75,19 @@ protected:
     Figures call(const Room& room, const char* mode)
     {
         fresh();
-        const std::string dir = TAUDIO2_SPEECH_DIR;
-        const std::vector<int16_t> far = readWav(dir + "/far16k.wav"), near = readWav(dir + "/near48k.wav");
+        const std::vector<int16_t> far = testsupport::wav(TAUDIO2_SPEECH_DIR "/far16k.wav", CLIENT_RATE).samples,
+                                   near = testsupport::wav(TAUDIO2_SPEECH_DIR "/near48k.wav", CARD_RATE).samples;
         std::vector<double> near16(near.size() / 3);   // what the microphone hears of it, at the client's rate
         for (size_t i = 0; i < near16.size(); ++i)
             near16[i] = (near[3 * i] + near[3 * i + 1] + near[3 * i + 2]) / 3.0;
         EXPECT_GE(far.size(), size_t((QUIET_FROM - BOTH_FROM + NEAR_FROM) * CLIENT_RATE));
         EXPECT_GE(near.size(), size_t((FAR_AGAIN - NEAR_FROM) * CARD_RATE));
-        const auto farAt = [&far](size_t f) {   // the client's frame f
+        clientPlays = [&far](size_t f, unsigned) {
             const double t = double(f) / CLIENT_RATE;
             const double spoken = t < NEAR_FROM ? t : t >= BOTH_FROM && t < QUIET_FROM ? t - BOTH_FROM + NEAR_FROM : -1;
             const size_t i = size_t(spoken * CLIENT_RATE);
             return spoken >= 0 && i < far.size() ? far[i] : int16_t(0);
         };
-        clientPlays = [farAt](size_t f, unsigned) { return farAt(f); };
 
         const size_t total = size_t(CALL_END * CARD_RATE);
         std::vector<float> speaker(total), echo(total), nearPart(total), noise(total);
@@ -130,18 +117,16 @@ protected:
             return int16_t(std::clamp(echo[t] + nearPart[t] + noise[t], -32768.0f, 32767.0f));
         };
         setenv("TAUDIO2_AEC", mode, 1);
-        const int code = open(config(CLIENT_RATE, 20, room.stereo ? 2 : 1, 1));
+        EXPECT_EQ(open(config(CLIENT_RATE, 20, room.stereo ? 2 : 1, 1)), 0);
         unsetenv("TAUDIO2_AEC");
-        EXPECT_EQ(code, 0);
         for (size_t t = 0; t < total; t += 960)
             deliver(960);
         device->closeStream();
 
         std::vector<float> out(heard.begin(), heard.end());
         const double floor = power(out, QUIET_FROM + 0.5, CALL_END, CLIENT_RATE);
-        // Echo against what is left of it above the output's noise floor; a
-        // residue within a tenth of the floor cannot be told from it, and the
-        // figure is then a lower bound.
+        // Echo against what is left of it above the output's noise floor; a residue within a tenth of the floor cannot
+        // be told from it, and the figure is then a lower bound.
         const auto erle = [&](double from, double to) {
             const double in = power(echo, from, to, CARD_RATE);
             return std::min(80.0, dB(in / std::max(power(out, from, to, CLIENT_RATE) - floor, std::max(0.1 * floor, in * 1e-8))));
@@ -175,18 +160,15 @@ protected:
             const auto [xy, yy] = dot(lag, from, to);
             return yy > 0 ? xy / yy : 0;
         };
-        Figures f{};
         std::vector<double> windows;
         for (double w = 3; w + 1 <= NEAR_FROM; ++w)
             windows.push_back(erle(w, w + 1));
         std::sort(windows.begin(), windows.end());
-        f.erle = windows[windows.size() / 2];
-        f.convergedS = converged(0, NEAR_FROM);
-        f.reconvergedS = converged(FAR_AGAIN, QUIET_FROM);
         const double alone = gain(NEAR_FROM + 0.5, BOTH_FROM);
-        f.nearAloneDb = 20 * std::log10(std::max(1e-6, alone));
-        f.doubleTalkDb = 20 * std::log10(std::max(1e-6, gain(BOTH_FROM + 0.5, FAR_AGAIN) / alone));
-        f.noiseReductionDb = room.noiseSnrDb ? dB(power(noise, QUIET_FROM + 0.5, CALL_END, CARD_RATE) / floor) : 0;
+        const Figures f{windows[windows.size() / 2], converged(0, NEAR_FROM), converged(FAR_AGAIN, QUIET_FROM),
+                        20 * std::log10(std::max(1e-6, alone)),
+                        20 * std::log10(std::max(1e-6, gain(BOTH_FROM + 0.5, FAR_AGAIN) / alone)),
+                        room.noiseSnrDb ? dB(power(noise, QUIET_FROM + 0.5, CALL_END, CARD_RATE) / floor) : 0};
         std::printf("room %-22s %-8s ERLE %5.1f dB, converged %.1f s, reconverged %.1f s, near end %+5.1f dB, "
                     "in double talk %+5.1f dB, noise reduced %4.1f dB\n", room.name, mode, f.erle,
                     f.convergedS, f.reconvergedS, f.nearAloneDb, f.doubleTalkDb, f.noiseReductionDb);
@@ -197,9 +179,8 @@ protected:
 
 } // namespace
 
-// Standard mode at the delay it is built for (told 60 ms, the echo 80 to
-// 100 ms after the card hands out a buffer); robust mode in every room,
-// keeping a near end that talks over the far end.
+// Standard mode at the delay it is built for (told 60 ms, the echo 80 to 100 ms after the card hands out a buffer);
+// robust mode in every room, keeping a near end that talks over the far end.
 TEST_F(VirtualRoom, EchoIsCancelledInEveryRoom)
 {
     const Room rooms[] = {

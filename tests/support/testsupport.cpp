@@ -2,21 +2,13 @@
 
 #include "taudio2universaldevice_p.h"
 
-#include <shared/debugstream.h>
-
 #include <boost/make_shared.hpp>
-#include <sndfile.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
 namespace testsupport {
-
-int16_t ramp(size_t frame, unsigned channel)
-{
-    return static_cast<int16_t>(static_cast<int>((frame * 7 + channel * 5003) % 20000) - 10000);
-}
 
 Signal tone(double hz, double rateHz, double amplitude)
 {
@@ -38,22 +30,6 @@ double toneLevel(const std::vector<int16_t>& samples, unsigned channels, unsigne
     return n ? 2 * std::sqrt(s1 * s1 + s2 * s2 - c * s1 * s2) / double(n) : 0;
 }
 
-std::vector<int16_t> readWav(const std::string& path, int* rateHz, int* channels)
-{
-    SF_INFO info{};
-    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
-    if (!f)
-        return {};
-    std::vector<int16_t> samples(static_cast<size_t>(info.frames * info.channels));
-    sf_read_short(f, samples.data(), static_cast<sf_count_t>(samples.size()));
-    sf_close(f);
-    if (rateHz)
-        *rateHz = info.samplerate;
-    if (channels)
-        *channels = info.channels;
-    return samples;
-}
-
 void DeviceTest::fresh()
 {
     for (auto& d : m_devices)
@@ -66,10 +42,7 @@ void DeviceTest::fresh()
     fakecard::card().defaultInput = 1;
     std::lock_guard<std::mutex> lock(mutex);
     calls = 0;
-    heard.clear();
-    captureBytes.clear();
-    played.clear();
-    warnings.clear();
+    heard.clear(), captureBytes.clear(), played.clear(), warnings.clear();
     m_clientFrames = m_microphoneFrames = 0;
 }
 
@@ -85,12 +58,6 @@ void DeviceTest::SetUp()
         std::lock_guard<std::mutex> lock(mutex);
         warnings.emplace_back(r.text);
     });
-}
-
-void DeviceTest::TearDown()
-{
-    fresh();
-    tamrel::DebugStream::setSink(tamrel::LogSink());
 }
 
 boost::shared_ptr<tamrel::TAudio2UniversalDevice> DeviceTest::makeDevice(bool voiceProcessing)

@@ -1,10 +1,11 @@
-// What the device tests share: a scripted card (two-channel speakers and a
-// one-channel microphone, the defaults), a private home for the recordings,
-// the warnings a user reads, and a client the test drives buffer by buffer.
+// What the device tests share: a scripted card (two-channel speakers and a one-channel microphone, the defaults), a
+// private home for the recordings, the warnings a user reads, and a client the test drives buffer by buffer.
 #pragma once
 
+#include "callsession.h"
 #include "fakecard.h"
 
+#include <shared/debugstream.h>
 #include <taudio2universaldevice/taudio2universaldevice.h>
 
 #include <QTemporaryDir>
@@ -20,18 +21,24 @@ namespace testsupport {
 
 // Sample `frame` of channel `channel`.
 using Signal = std::function<int16_t(size_t frame, unsigned channel)>;
-// A different value for every frame and channel: a sample lost, repeated,
-// moved or taken from the wrong channel shows.
-int16_t ramp(size_t frame, unsigned channel);
+// A different value for every frame and channel: a sample lost, repeated, moved or taken from the wrong channel shows.
+inline int16_t ramp(size_t frame, unsigned channel) { return int16_t(int((frame * 7 + channel * 5003) % 20000) - 10000); }
 Signal tone(double hz, double rateHz, double amplitude);
 // Amplitude of the `hz` component of one channel of interleaved samples (Goertzel).
 double toneLevel(const std::vector<int16_t>& samples, unsigned channels, unsigned channel, double hz, double rateHz);
-std::vector<int16_t> readWav(const std::string& path, int* rateHz = nullptr, int* channels = nullptr);
+// A recording or speech file; empty when missing or not at `rateHz`.
+inline tamrel::call::Clip wav(const std::string& path, int rateHz)
+{
+    tamrel::call::Clip clip;
+    std::string error;
+    tamrel::call::loadClip(path, rateHz, &clip, &error);
+    return clip;
+}
 
 class DeviceTest : public ::testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override;
+    void TearDown() override { fresh(), tamrel::DebugStream::setSink(tamrel::LogSink()); }
     // Closes every device and starts again on the standard card: the next row of a table.
     void fresh();
 
