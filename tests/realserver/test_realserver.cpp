@@ -1,8 +1,6 @@
-// The universal device against a real sound server in a private "virtual room" (scripts/virtual-room.sh) whose
-// speaker is heard, delayed and quieter, on its microphone; nothing is faked between the device, RtAudio and the
-// server. --server=pulseaudio (default) or pipewire runs RealServer (on pulseaudio also AlsaPlugin and
-// RealServerStress), jack JackServer, pipewire-jack (under pw-jack) PipeWireJack and the echo matrix; Soak is run
-// by scripts/soak.sh. Lines starting "real server:" report what was measured.
+// The device, the real RtAudio and a real sound server (--server=pulseaudio, pipewire, jack or pipewire-jack) in a
+// private "virtual room" (scripts/virtual-room.sh) whose microphone hears its speaker. Lines starting "real server:"
+// report what was measured; tests/realserver/CMakeLists.txt picks the tests per server.
 #include "callsession.h"
 #include "echodelay.h"
 
@@ -21,9 +19,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <map>
 #include <numeric>
@@ -100,22 +98,14 @@ std::string killServer()
               "do [ -e /proc/$pid ] || exit 0; sleep 0.02; done; echo $pid survived SIGKILL; exit 1");
 }
 
-// How often the one playback stream on the room's PulseAudio server ran dry since `*mark` (lines of its log),
-// which moves on. The server notes the end of every underrun, and the start of every stream as one: a stream that
-// never ran dry counts once (the talker's stream would count too). -1 where there is no such log (PipeWire).
-int playbackUnderruns(std::size_t* mark)
+// The ends of playback underruns the room's PulseAudio server has logged so far; it logs the start of every stream
+// as one too. -1 on other servers.
+int underrunEndsLogged()
 {
-    std::string state, log;
-    sh("sed -n 's/^dir=//p' " + quote(home + "/room.state"), &state);
-    std::ifstream in(state.substr(0, state.find('\n')) + "/pulseaudio.log");
-    if (server != "pulseaudio" || !in)
-        return -1;
-    std::size_t line = 0;
-    int ends = 0;
-    for (std::string text; std::getline(in, text); ++line)
-        ends += line >= *mark && text.find("protocol-native.c: Requesting rewind due to end of underrun") != std::string::npos;
-    *mark = line;
-    return ends - 1;
+    std::string count;
+    return server == "pulseaudio" && sh("grep -c 'Requesting rewind due to end of underrun' \"$(sed -n 's/^dir=//p' " +
+                                        quote(home + "/room.state") + ")/pulseaudio.log\" || [ $? = 1 ]", &count).empty()
+               ? std::atoi(count.c_str()) : -1;
 }
 
 // This process's streams on the sinks (kind "sink") or sources ("source") as the server sees them: "[device
@@ -217,8 +207,7 @@ struct Probe : std::enable_shared_from_this<Probe> {
     int callsBefore(Clock::time_point t) const
     {
         int n = 0;
-        while (n < timed() && at(n) < t)
-            ++n;
+        for (; n < timed() && at(n) < t; ++n) {}
         return n;
     }
     // The sample of the recordings played at time t: one period per call.
@@ -229,7 +218,7 @@ struct Probe : std::enable_shared_from_this<Probe> {
         Clock::duration worst{};
         for (int k = std::max(from, 1); k < timed(); ++k)
             worst = std::max(worst, at(k) - at(k - 1));
-        return long(std::chrono::duration_cast<std::chrono::milliseconds>(worst).count());
+        return long(worst / 1ms);
     }
     // The first call `skip` (a start-up) after the first one.
     int after(Clock::duration skip) const { return timed() ? callsBefore(at(0) + skip) : 0; }
@@ -253,8 +242,7 @@ struct Probe : std::enable_shared_from_this<Probe> {
     std::atomic<int> calls{0}, irregular{0};          // irregular: calls without one period of capture and playback
 };
 
-// A 16-bit mono WAV at the client rate: the far end's speech (made by the build, as for the simulated room) and
-// every recording.
+// A mono WAV at the client rate: the far end's speech (made by the build) and every recording.
 void readWav(const std::string& path, Samples* samples)
 {
     call::Clip clip;
@@ -376,30 +364,16 @@ std::pair<double, int> medianErleDb(const Call& c, std::size_t from, std::size_t
     return {erles.empty() ? 0 : erles[erles.size() / 2], int(erles.size())};
 }
 
-// Per direction mask, the device lists what RtAudio reports, index for index, with RtAudio's defaults; and that is
-// the room as the script built it.
-TEST(RealServer, ListsTheServersDevicesWithDirectionsAndDefaults)
+// The room as the script built it, through RtAudio's own choice of layer: * marks the defaults, PipeWire names a
+// sink's monitor after the sink. The input-only microphone comes first, so that an open without names taking index 0
+// both ways would fail.
+TEST(RealServer, ListsTheRoomsDevicesWithDirectionsAndDefaults)
 {
-    RtAudio rtAudio;
-    ASSERT_EQ(rtAudio.getCurrentApi(), RtAudio::LINUX_PULSE) << "RtAudio did not reach the room's server";
-    auto device = boost::make_shared<Device>(RATE);
-    std::vector<std::string> expected, listed;
-    for (const int type : {0, int(TAudio2DeviceInfo::PLAYBACK_DEVICE), int(TAudio2DeviceInfo::CAPTURE_DEVICE), 3}) {
-        expected.clear(), listed.clear();
-        for (unsigned i = 0; i < rtAudio.getDeviceCount(); ++i) {
-            const RtAudio::DeviceInfo d = rtAudio.getDeviceInfo(i);
-            if ((type & TAudio2DeviceInfo::CAPTURE_DEVICE) && d.probed && (d.inputChannels > 0 || d.duplexChannels > 0))
-                expected.push_back(std::to_string(i) + " C " + d.name + (d.isDefaultInput ? " *" : ""));
-            if ((type & TAudio2DeviceInfo::PLAYBACK_DEVICE) && d.probed && (d.outputChannels > 0 || d.duplexChannels > 0))
-                expected.push_back(std::to_string(i) + " P " + d.name + (d.isDefaultOutput ? " *" : ""));
-        }
-        for (const auto& d : device->devices(TAudio2DeviceInfo::DeviceType(type)))
-            listed.push_back(std::to_string(d->m_deviceId) + (d->m_type == TAudio2DeviceInfo::CAPTURE_DEVICE ? " C " : " P ") + d->m_name +
-                             (d->m_isDefault ? " *" : "") + (d->m_kind == 1 ? "" : " of kind " + std::to_string(d->m_kind)));
-        EXPECT_EQ(listed, expected) << "type " << type;
-    }
-    // The room (* marks the defaults; PipeWire names a sink's monitor after the sink itself). It lists the input-only
-    // microphone first, so an open without names that took index 0 both ways would fail.
+    ASSERT_EQ(RtAudio().getCurrentApi(), RtAudio::LINUX_PULSE) << "RtAudio did not reach the room's server";
+    std::vector<std::string> listed;
+    for (const auto& d : boost::make_shared<Device>(RATE)->devices(TAudio2DeviceInfo::DeviceType(3)))
+        listed.push_back(std::to_string(d->m_deviceId) + (d->m_type == TAudio2DeviceInfo::CAPTURE_DEVICE ? " C " : " P ") +
+                         d->m_name + (d->m_isDefault ? " *" : ""));
     std::multiset<std::string> seen;
     for (const std::string& d : listed)
         seen.insert(d.substr(d.find(' ') + 1));
@@ -530,8 +504,7 @@ TEST(RealServer, LowLatencyCallHoldsUnderLoad)
     Env aec("TAUDIO2_AEC", "robust"), queue("TAUDIO2_LATENCY", "low");
     int budget = 1;
     retryDisturbed(server + " low latency under load", 2, budget, [&](bool last) {
-        std::size_t mark = 0;
-        playbackUnderruns(&mark);
+        const int underrunsBefore = underrunEndsLogged();
         std::vector<pid_t> hogs;
         for (int core = 0; core < 2; ++core) {
             if (const pid_t pid = fork(); pid == 0) {
@@ -559,7 +532,7 @@ TEST(RealServer, LowLatencyCallHoldsUnderLoad)
         if (HasFatalFailure())
             return std::string();
         const Probe& p = *c.probe;
-        const int underruns = playbackUnderruns(&mark);
+        const int underruns = underrunsBefore < 0 ? -1 : underrunEndsLogged() - underrunsBefore - 1;   // less its own start
         const std::size_t end = std::min(c.capture.size(), farEnd.size()), tenS = 10 * RATE;
         const double first = echoDelayMs(c, RATE, tenS), final = echoDelayMs(c, end - tenS, tenS);
         const auto [erle, windows] = medianErleDb(c, 2 * RATE, end);
@@ -591,37 +564,6 @@ TEST(RealServer, LowLatencyCallHoldsUnderLoad)
     });
 }
 
-// Odd configurations the device accepts (refusals are the fake card's): each opens and is called back, or fails with
-// the sound layer's reason (printed, as a client would see it).
-TEST(RealServer, OddConfigurationsRunOrFailWithTheServersReason)
-{
-    struct Row { const char* field; int Conf::*member; int value; };
-    const Row rows[] = {{"sampleRate", &Conf::sampleRate, 1},         {"sampleRate", &Conf::sampleRate, 44100},
-                        {"periodMs", &Conf::periodMs, 1},             {"periodMs", &Conf::periodMs, 199},
-                        {"playbackChannels", &Conf::playbackChannels, 3}, {"captureChannels", &Conf::captureChannels, 2},
-                        {"captureChannels", &Conf::captureChannels, 1000}, {"unknown names", nullptr, 0}};
-    for (const Row& row : rows) {
-        const std::string what = row.field + (row.member ? " " + std::to_string(row.value) : "");
-        SCOPED_TRACE(what);
-        Conf conf = byName();
-        if (row.member)
-            conf.*row.member = row.value;
-        else
-            conf.playbackDeviceName = conf.captureDeviceName = "\xff no such";
-        auto device = boost::make_shared<Device>(RATE);
-        auto probe = std::make_shared<Probe>(Samples{}, conf.playbackChannels);
-        std::string error = "unset";
-        const int code = device->openStream(conf, probe->callback(), &error);
-        if (code == 0)
-            EXPECT_TRUE(probe->waitForCalls(5, 10s)) << "opened but hardly called back";
-        else
-            EXPECT_TRUE(code == -4 && error != "unset" && !error.empty()) << code << ": " << error;
-        device->closeStream();
-        EXPECT_EQ(streams("sink"), "none");
-        printf("real server: %s: code %d%s%s\n", what.c_str(), code, error.empty() ? "" : ", ", error.c_str());
-    }
-}
-
 // The server killed 4 s into a robust call and started again a second later: while it is gone the device stops
 // calling the client, spins on nothing and floods no log; it reopens its stream by itself once the server is back,
 // and the rest of the call is cancelled as before.
@@ -629,11 +571,7 @@ TEST(RealServer, CallComesBackWhenTheServerRestarts)
 {
     Samples farEnd;
     ASSERT_NO_FATAL_FAILURE(readWav(FAR_END_WAV, &farEnd));
-    const auto cpuSeconds = [] {
-        timespec t{};
-        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-        return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
-    };
+    const auto cpuSeconds = [] { return double(std::clock()) / CLOCKS_PER_SEC; };   // the whole process's
     Env aec("TAUDIO2_AEC", "robust");
     int budget = 2;
     retryDisturbed(server + " restart", 3, budget, [&](bool last) {
@@ -688,10 +626,7 @@ TEST(RealServer, CallComesBackWhenTheServerRestarts)
         EXPECT_GE(c.info.recoveries, 1u);
         EXPECT_LT(warned, 50) << "the log is flooded while the server is gone";
         EXPECT_GE(windows, 4) << "too little far end after the recovery to measure";
-        if (!outOfReach)
-            EXPECT_GE(after, 30.0);
-        else if (after < 30)
-            printf("real server: %s restart: ERLE not asserted, the echo stayed outside robust mode's reach\n", server.c_str());
+        EXPECT_TRUE(after >= 30.0 || outOfReach) << "ERLE " << after << " dB after the recovery";
         return unfit;
     });
 }
@@ -800,18 +735,15 @@ TEST(PipeWireJack, CallGoesOnThroughQuantumChanges)
     });
 }
 
-// Threads, a second open and exit; the ThreadSanitizer build runs these alone.
+// Threads against the device; the ThreadSanitizer build runs these alone. A second open of other buffer sizes is
+// refused while the stream runs on: had it resized the record, the running callback would get (and the sanitizers
+// see) periods of the wrong length.
 TEST(RealServerStress, SecondOpenIsRefusedAndTheStreamRunsOn)
 {
     Call c;
     recordCall(&c, byName(), 0s, [&](Device& device) {
         ASSERT_TRUE(c.probe->waitForCalls(10, 10s)) << "only " << c.probe->calls << " calls";
-        // Other buffer sizes: had the record been resized, the running callback would get (and the sanitizers see)
-        // periods of the wrong length.
-        std::string error;
-        const Conf other{48000, "Room microphone", "Room speaker", 10, 2, 2, false};
-        EXPECT_EQ(device.openStream(other, c.probe->callback(), &error), -4);
-        EXPECT_EQ(error, "a stream is already open");
+        EXPECT_EQ(device.openStream({48000, "Room microphone", "Room speaker", 10, 2, 2, false}, c.probe->callback(), nullptr), -4);
         EXPECT_TRUE(c.probe->waitForCalls(c.probe->calls + 25, 10s)) << "the stream stopped after the refused open";
     });
 }
@@ -855,22 +787,6 @@ TEST(RealServerStress, ConcurrentOpensAndClosesNeverHang)
     EXPECT_LT(silent, cycles) << "no stream ever ran";
 }
 
-// A client that returns from main with a stream open (main's child mode), again and again: every exit is clean,
-// which the sanitizer builds check. TAUDIO2_EXIT_RUNS sets the count.
-TEST(RealServerStress, ExitWithAStreamOpenIsClean)
-{
-    const int runs = envOr("TAUDIO2_EXIT_RUNS", 10);
-    int clean = 0;
-    for (int k = 0; k < runs; ++k) {
-        std::string output;
-        const std::string failed = sh("/proc/" + std::to_string(getpid()) + "/exe --exit-with-open-stream", &output);
-        const bool ok = failed.empty() && output.find("Sanitizer") == std::string::npos;
-        clean += ok;
-        EXPECT_TRUE(ok) << failed << output;
-    }
-    printf("real server: %d of %d exits with a stream open were clean\n", clean, runs);
-}
-
 // Open/close cycles (TAUDIO2_SOAK_CYCLES, default 1000) on one device, then on a fresh device each time, printing
 // resident memory and open descriptors every 100 cycles: every stream runs, and once the first tenth has warmed the
 // libraries and heaps up, descriptors do not grow at all and memory by at most 4 MB per 1000 cycles (0.7 to 1.2 MB
@@ -890,8 +806,7 @@ TEST(Soak, OpenCloseCyclesLeakNothing)
         long settledKb = 0, settledFds = 0;
         for (int cycle = 0; cycle < total && !HasFatalFailure(); ++cycle) {
             if (cycle % 100 == 0)
-                printf("soak %s: cycle %4d  rss %6ld kB  fds %3ld\n", fresh ? "fresh devices" : "one device", cycle, residentKb(),
-                       fds());
+                printf("soak %s: cycle %4d  rss %6ld kB  fds %3ld\n", fresh ? "fresh devices" : "one device", cycle, residentKb(), fds());
             fflush(stdout);
             if (cycle == settled)
                 settledKb = residentKb(), settledFds = fds();
@@ -908,19 +823,6 @@ TEST(Soak, OpenCloseCyclesLeakNothing)
     }
 }
 
-// The server killed under a running stream: the close still returns within a second and ends the callbacks, and
-// once the server is started again a new device's stream runs.
-TEST(Soak, ServerKilledUnderARunningStream)
-{
-    Call c;
-    recordCall(&c, byName(), 0s, [](Device&) {
-        ASSERT_EQ(killServer(), "");
-        std::this_thread::sleep_for(1s);
-    });
-    ASSERT_EQ(room("start " + roomOptions()), "");
-    recordCall(&c, byName(), 0s, [&](Device&) { EXPECT_TRUE(c.probe->waitForCalls(50, 10s)) << "on the restarted server"; });
-}
-
 } // namespace
 
 // The sound servers' client libraries keep what they allocate for a client past its close (RtAudio's PulseAudio
@@ -933,16 +835,6 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 
 int main(int argc, char** argv)
 {
-    if (argc == 2 && std::string(argv[1]) == "--exit-with-open-stream") {
-        // In the parent test's room, whose environment it inherits; returns with the stream open.
-        auto device = boost::make_shared<Device>(RATE);
-        auto probe = std::make_shared<Probe>();
-        std::string error;
-        const int code = device->openStream(byName(1, true), probe->callback(), &error);
-        if (code != 0 || !probe->waitForCalls(5, 10s))
-            fprintf(stderr, "open failed (%d: %s) or no call\n", code, error.c_str());
-        return code == 0 ? 0 : 2;
-    }
     ::testing::InitGoogleTest(&argc, argv);
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], "--server=", 9) == 0)
