@@ -1,6 +1,5 @@
-// Seeded random buffers (0 to 20000 frames, missing input or output, refused periods)
-// over streams that cut and convert differently, for the sanitizer build.
-// TAUDIO2_FUZZ_SECONDS: how long (default 30); TAUDIO2_FUZZ_SEED replays a run.
+// Seeded random buffers (0 to 20000 frames, missing input or output, refused periods) over streams that cut and
+// convert differently, for the sanitizers. TAUDIO2_FUZZ_SECONDS: how long (default 30); TAUDIO2_FUZZ_SEED replays a run.
 #include "testsupport.h"
 
 #include <chrono>
@@ -20,11 +19,8 @@ using Fuzz = testsupport::DeviceTest;
 
 TEST_F(Fuzz, RandomBuffersOverEveryKindOfStream)
 {
-    const struct {
-        const char* name;
-        int clientRate, periodMs, playbackChannels, captureChannels;
-        unsigned cardOutputChannels;
-    } streams[] = {
+    const struct { const char* name; int clientRate, periodMs, playbackChannels, captureChannels;
+                   unsigned cardOutputChannels; } streams[] = {
         {"16 kHz client, converted", 16000, 20, 1, 1, 2}, {"equal rates", 48000, 20, 1, 1, 2},
         {"stereo client, stereo output", 16000, 20, 2, 1, 2}, {"stereo client, mono output", 16000, 20, 2, 1, 1},
         {"44.1 kHz, 25 ms", 44100, 25, 1, 1, 2}, {"10 ms", 16000, 10, 1, 1, 2},
@@ -45,9 +41,7 @@ TEST_F(Fuzz, RandomBuffersOverEveryKindOfStream)
         const bool voiceProcessing = chance(0.7);
         SCOPED_TRACE(std::string(s.name) + (voiceProcessing ? ", voice processing" : "") + ", seed " +
                      std::to_string(seed));
-        fresh();
-        fakecard::card().devices[0].outputChannels = s.cardOutputChannels;
-        fakecard::card().devices[1].inputChannels = unsigned(s.captureChannels);
+        fresh(s.cardOutputChannels, unsigned(s.captureChannels));
         microphone = [&random](size_t, unsigned) { return static_cast<int16_t>(random()); };
         answer = [&](int) { return !chance(refuseChance); };
         device = makeDevice(voiceProcessing);

@@ -30,15 +30,15 @@ double toneLevel(const std::vector<int16_t>& samples, unsigned channels, unsigne
     return n ? 2 * std::sqrt(s1 * s1 + s2 * s2 - c * s1 * s2) / double(n) : 0;
 }
 
-void DeviceTest::fresh()
+void DeviceTest::fresh(unsigned speakerChannels, unsigned microphoneChannels)
 {
     for (auto& d : m_devices)
         d->closeStream();
     m_devices.clear();
     device.reset();
     fakecard::reset();
-    fakecard::card().devices = {fakecard::Device{"Speakers", 2, 0, 0, {44100, 48000}},
-                                fakecard::Device{"Microphone", 0, 1, 0, {16000, 44100, 48000}}};
+    fakecard::card().devices = {fakecard::Device{"Speakers", speakerChannels, 0, 0, {44100, 48000}},
+                                fakecard::Device{"Microphone", 0, microphoneChannels, 0, {16000, 44100, 48000}}};
     fakecard::card().defaultInput = 1;
     std::lock_guard<std::mutex> lock(mutex);
     calls = 0;
@@ -53,10 +53,9 @@ void DeviceTest::SetUp()
     setenv("HOME", m_home.path().toUtf8().constData(), 1);
     tamrel::DebugStream::resetLevels();
     tamrel::DebugStream::setSink([this](const tamrel::LogRecord& r) {
-        if (r.severity != tamrel::LogSeverity::Warning)
-            return;
         std::lock_guard<std::mutex> lock(mutex);
-        warnings.emplace_back(r.text);
+        if (r.severity == tamrel::LogSeverity::Warning)
+            warnings.emplace_back(r.text);
     });
 }
 

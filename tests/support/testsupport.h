@@ -39,8 +39,8 @@ class DeviceTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override { fresh(), tamrel::DebugStream::setSink(tamrel::LogSink()); }
-    // Closes every device and starts again on the standard card: the next row of a table.
-    void fresh();
+    // Closes every device and starts again on the standard card, with these channels: the next row of a table.
+    void fresh(unsigned speakerChannels = 2, unsigned microphoneChannels = 1);
 
     static tamrel::TAudio2StreamConfiguration config(int rate = 16000, int periodMs = 20, int playbackChannels = 1,
                                                      int captureChannels = 1, bool measureAec = false)
