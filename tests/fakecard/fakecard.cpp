@@ -50,10 +50,7 @@ class FakeApi : public RtApi {
 public:
     ~FakeApi() override { halt(); }
     // The layer asked for, as RtAudio compiled with it would say; else a dummy.
-    RtAudio::Api getCurrentApi() override
-    {
-        return card().requestedApi == RtAudio::UNSPECIFIED ? RtAudio::RTAUDIO_DUMMY : card().requestedApi;
-    }
+    RtAudio::Api getCurrentApi() override { return card().requestedApi ? card().requestedApi : RtAudio::RTAUDIO_DUMMY; }
 
     unsigned int getDeviceCount() override
     {
@@ -79,40 +76,9 @@ public:
     {
         count(Call::StartStream);
         stream_.state = STREAM_RUNNING;
-        if (card().callbackThreadPauseUs)
-            launch(card().callbackThreadPauseUs);
-    }
-
-    // Drains as RtAudio's JACK backend does: waits for one more callback
-    // (bounded only so that a failing test ends).
-    void stopStream() override
-    {
-        for (unsigned long seen = delivered_, i = 0; thread_.joinable() && delivered_ == seen && i < 5000; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        end(Call::StopStream, STREAM_STOPPED);
-    }
-    void abortStream() override { end(Call::AbortStream, STREAM_STOPPED); }
-    void closeStream() override
-    {
-        end(Call::CloseStream, STREAM_CLOSED);
-        card().streamOpen = false;
-    }
-
-    void open(RtAudio::StreamParameters* output, RtAudio::StreamParameters* input, RtAudioFormat format,
-              unsigned int rate, unsigned int* frames, RtAudioCallback callback, void* userData,
-              RtAudio::StreamOptions* options, RtAudioErrorCallback errorCallback)
-    {
-        opened_ = Opened{*output, input ? *input : RtAudio::StreamParameters(), input != nullptr, format, rate,
-                         *frames, callback, userData, options ? *options : RtAudio::StreamOptions(), errorCallback};
-        card().opened = opened_;
-        count(Call::OpenStream);
-        stream_.state = STREAM_STOPPED;
-        card().streamOpen = true;
-    }
-
-private:
-    void launch(unsigned pauseUs)
-    {
+        const unsigned pauseUs = card().callbackThreadPauseUs;
+        if (!pauseUs)
+            return;
         running_ = true;
         thread_ = std::thread([this, pauseUs] {
             const Opened o = opened_;
@@ -131,6 +97,29 @@ private:
         });
     }
 
+    // Drains as RtAudio's JACK backend does: waits for one more callback (bounded, so that a failing test ends).
+    void stopStream() override
+    {
+        for (unsigned long seen = delivered_, i = 0; thread_.joinable() && delivered_ == seen && i < 5000; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        end(Call::StopStream, STREAM_STOPPED);
+    }
+    void abortStream() override { end(Call::AbortStream, STREAM_STOPPED); }
+    void closeStream() override { end(Call::CloseStream, STREAM_CLOSED), card().streamOpen = false; }
+
+    void open(RtAudio::StreamParameters* output, RtAudio::StreamParameters* input, RtAudioFormat format,
+              unsigned int rate, unsigned int* frames, RtAudioCallback callback, void* userData,
+              RtAudio::StreamOptions* options, RtAudioErrorCallback errorCallback)
+    {
+        opened_ = Opened{*output, input ? *input : RtAudio::StreamParameters(), input != nullptr, format, rate,
+                         *frames, callback, userData, options ? *options : RtAudio::StreamOptions(), errorCallback};
+        card().opened = opened_;
+        count(Call::OpenStream);
+        stream_.state = STREAM_STOPPED;
+        card().streamOpen = true;
+    }
+
+private:
     void end(Call call, StreamState state)
     {
         count(call);

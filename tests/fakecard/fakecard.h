@@ -1,5 +1,4 @@
-// A scripted sound card behind RtAudio's own interface, linked into the tests
-// instead of the real library.
+// A scripted sound card behind RtAudio's own interface, linked into the tests instead of the real library.
 #pragma once
 
 #include <rtaudio/RtAudio.h>
@@ -54,8 +53,8 @@ void reset();
 // Changes the card under the lock its calls take, while another thread calls it.
 void locked(const std::function<void()>& change);
 
-// The stream thread, while it runs: stalled, it calls back no more; failing, it reports an
-// error after every buffer; aborting, one error worse than a warning, then stops.
+// The stream thread, while it runs: stalled, it calls back no more; failing, it reports an error after every buffer;
+// aborting, one error worse than a warning, then stops.
 extern std::atomic<bool> threadStalled, threadFailing, threadAborts;
 
 // Calls the last opened stream's callback as the sound layer's thread would.
