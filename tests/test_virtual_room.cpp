@@ -49,18 +49,10 @@ struct EchoPath {
     }
 };
 
-struct Room {
-    const char* name;
-    int delayMs;
-    double noiseSnrDb;   // against the near-end talker; 0: none
-    bool softClip;       // the loudspeaker saturates before the room
-    int changedDelayMs;  // the path changes when the far end speaks again; 0: never
-    bool stereo = false; // two loudspeakers, the far end on both
-};
-
-struct Figures {
-    double erle, convergedS, reconvergedS, nearAloneDb, doubleTalkDb, noiseReductionDb;
-};
+// noiseSnrDb: against the near-end talker (0: none); softClip: the loudspeaker saturates before the room;
+// changedDelayMs: the path changes when the far end speaks again (0: never); stereo: the far end on two loudspeakers.
+struct Room { const char* name; int delayMs; double noiseSnrDb; bool softClip; int changedDelayMs; bool stereo = false; };
+struct Figures { double erle, convergedS, reconvergedS, nearAloneDb, doubleTalkDb, noiseReductionDb; };
 
 double power(const std::vector<float>& s, double from, double to, int rate)
 {
