@@ -28,12 +28,6 @@ void locked(const std::function<void()>& change)
     change();
 }
 
-int deliver(void* output, void* input, unsigned frames)
-{
-    const Opened& o = card().opened;
-    return o.callback(output, input, frames, 0.0, 0, o.userData);
-}
-
 namespace {
 
 void count(Call call, unsigned index = 0)
@@ -107,13 +101,9 @@ public:
     void abortStream() override { end(Call::AbortStream, STREAM_STOPPED); }
     void closeStream() override { end(Call::CloseStream, STREAM_CLOSED), card().streamOpen = false; }
 
-    void open(RtAudio::StreamParameters* output, RtAudio::StreamParameters* input, RtAudioFormat format,
-              unsigned int rate, unsigned int* frames, RtAudioCallback callback, void* userData,
-              RtAudio::StreamOptions* options, RtAudioErrorCallback errorCallback)
+    void open(const Opened& opened)
     {
-        opened_ = Opened{*output, input ? *input : RtAudio::StreamParameters(), input != nullptr, format, rate,
-                         *frames, callback, userData, options ? *options : RtAudio::StreamOptions(), errorCallback};
-        card().opened = opened_;
+        card().opened = opened_ = opened;
         count(Call::OpenStream);
         stream_.state = STREAM_STOPPED;
         card().streamOpen = true;
@@ -151,8 +141,9 @@ void RtAudio::openStream(RtAudio::StreamParameters* output, RtAudio::StreamParam
                          unsigned int rate, unsigned int* frames, RtAudioCallback callback, void* userData,
                          RtAudio::StreamOptions* options, RtAudioErrorCallback errorCallback)
 {
-    static_cast<fakecard::FakeApi*>(rtapi_)->open(output, input, format, rate, frames, callback, userData, options,
-                                                  errorCallback);
+    static_cast<fakecard::FakeApi*>(rtapi_)->open({*output, input ? *input : RtAudio::StreamParameters(), input != nullptr,
+                                                   format, rate, *frames, callback, userData,
+                                                   options ? *options : RtAudio::StreamOptions(), errorCallback});
 }
 
 RtApi::RtApi() : showWarnings_(true), firstErrorOccurred_(false) { stream_.state = STREAM_CLOSED; }
