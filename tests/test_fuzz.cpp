@@ -39,8 +39,7 @@ TEST_F(Fuzz, RandomBuffersOverEveryKindOfStream)
     while (std::chrono::steady_clock::now() < end && !HasFailure()) {
         const auto& s = streams[random() % std::size(streams)];
         const bool voiceProcessing = chance(0.7);
-        SCOPED_TRACE(std::string(s.name) + (voiceProcessing ? ", voice processing" : "") + ", seed " +
-                     std::to_string(seed));
+        SCOPED_TRACE(std::string(s.name) + (voiceProcessing ? ", voice processing" : "") + ", seed " + std::to_string(seed));
         fresh(s.cardOutputChannels, unsigned(s.captureChannels));
         microphone = [&random](size_t, unsigned) { return static_cast<int16_t>(random()); };
         answer = [&](int) { return !chance(refuseChance); };
@@ -60,8 +59,7 @@ TEST_F(Fuzz, RandomBuffersOverEveryKindOfStream)
             const size_t callsBefore = captureBytes.size(), playedBefore = played.size();
             const int result = deliver(frames, withInput, withOutput);
             const long called = long(captureBytes.size() - callsBefore);
-            ++buffers;
-            chunks += called;
+            ++buffers, chunks += called;
 
             // Frames short of a period wait for the next buffer; one of 200 ms or more is dropped whole.
             const bool resync = frames >= 9600;
@@ -75,8 +73,7 @@ TEST_F(Fuzz, RandomBuffersOverEveryKindOfStream)
             ASSERT_EQ(std::count(played.begin() + long(playedBefore), played.end(), 0x7777), 0);
         }
     }
-    std::printf("fuzz: %ld streams, %ld buffers, %ld chunks in %ld s (seed %lu)\n", opens, buffers, chunks, seconds,
-                seed);
+    std::printf("fuzz: %ld streams, %ld buffers, %ld chunks in %ld s (seed %lu)\n", opens, buffers, chunks, seconds, seed);
 }
 
 } // namespace

@@ -85,21 +85,19 @@ protected:
         std::vector<float> speaker(total), echo(total), nearPart(total), noise(total);
         const double nearPower = std::inner_product(near.begin(), near.end(), near.begin(), 0.0) / double(near.size());
         const double noiseRms = room.noiseSnrDb ? std::sqrt(nearPower) * std::pow(10, -room.noiseSnrDb / 20) : 0;
-        EchoPath first(size_t(room.delayMs) * CARD_RATE / 1000, 1.0);
-        EchoPath second(size_t(room.changedDelayMs) * CARD_RATE / 1000, 1.13);
+        EchoPath first(size_t(room.delayMs) * CARD_RATE / 1000, 1.0), second(size_t(room.changedDelayMs) * CARD_RATE / 1000, 1.13);
         uint32_t seed = 12345;
         size_t spoken = 0;
         microphone = [&](size_t t, unsigned) {
             // What the card played up to the buffer before is known: every echo is later than that.
-            const size_t channels = room.stereo ? 2 : 1;
-            for (; spoken < std::min(total, played.size() / channels); ++spoken) {
+            for (; spoken < std::min(total, played.size() / (room.stereo ? 2 : 1)); ++spoken) {
                 const float x = (room.stereo ? (played[2 * spoken] + played[2 * spoken + 1]) / 2.0f : played[spoken]) / 32768.0f;
                 speaker[spoken] = room.softClip ? std::tanh(2.0f * x) / 2.0f : x;
             }
             if (t >= total)
                 return int16_t(0);
-            const bool changed = room.changedDelayMs && t >= size_t(FAR_AGAIN * CARD_RATE);
-            echo[t] = 32768.0f * (changed ? second.at(speaker, t) : first.at(speaker, t));
+            const bool moved = room.changedDelayMs && t >= size_t(FAR_AGAIN * CARD_RATE);
+            echo[t] = 32768.0f * (moved ? second.at(speaker, t) : first.at(speaker, t));
             const size_t k = t - size_t(NEAR_FROM * CARD_RATE);
             nearPart[t] = t >= NEAR_FROM * CARD_RATE && t < FAR_AGAIN * CARD_RATE && k < near.size() ? near[k] : 0;
             double gauss = 0;   // sum of 12 uniforms: close enough to Gaussian, deterministic
@@ -138,8 +136,7 @@ protected:
             for (size_t i = size_t(from * CLIENT_RATE); i < size_t(to * CLIENT_RATE); ++i) {
                 const size_t n = i - size_t(NEAR_FROM * CLIENT_RATE);
                 const double y = n < near16.size() && n >= shift ? near16[n - shift] : 0;
-                xy += out[i] * y;
-                yy += y * y;
+                xy += out[i] * y, yy += y * y;
             }
             return std::make_pair(xy, yy);
         };
@@ -148,10 +145,7 @@ protected:
             if (yy > 0 && xy / std::sqrt(yy) > best)
                 best = xy / std::sqrt(yy), lag = shift;
         }
-        const auto gain = [&](double from, double to) {
-            const auto [xy, yy] = dot(lag, from, to);
-            return yy > 0 ? xy / yy : 0;
-        };
+        const auto gain = [&](double from, double to) { const auto [xy, yy] = dot(lag, from, to); return yy > 0 ? xy / yy : 0; };
         std::vector<double> windows;
         for (double w = 3; w + 1 <= NEAR_FROM; ++w)
             windows.push_back(erle(w, w + 1));

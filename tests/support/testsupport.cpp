@@ -5,28 +5,18 @@
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
+#include <tuple>
 
 namespace testsupport {
-
-Signal tone(double hz, double rateHz, double amplitude)
-{
-    return [=](size_t frame, unsigned) {
-        return static_cast<int16_t>(std::lround(amplitude * std::sin(2 * M_PI * hz * double(frame) / rateHz)));
-    };
-}
 
 double toneLevel(const std::vector<int16_t>& samples, unsigned channels, unsigned channel, double hz, double rateHz)
 {
     const double c = 2 * std::cos(2 * M_PI * hz / rateHz);
     double s1 = 0, s2 = 0;
     size_t n = 0;
-    for (size_t i = channel; i < samples.size(); i += channels, ++n) {
-        const double s = samples[i] + c * s1 - s2;
-        s2 = s1;
-        s1 = s;
-    }
+    for (size_t i = channel; i < samples.size(); i += channels, ++n)
+        std::tie(s2, s1) = std::make_pair(s1, samples[i] + c * s1 - s2);
     return n ? 2 * std::sqrt(s1 * s1 + s2 * s2 - c * s1 * s2) / double(n) : 0;
 }
 
@@ -76,9 +66,8 @@ int DeviceTest::open(const tamrel::TAudio2StreamConfiguration& c, std::string* e
         std::lock_guard<std::mutex> lock(mutex);
         const int call = calls++;
         captureBytes.push_back(cBytes);
-        if (capture)
-            heard.insert(heard.end(), reinterpret_cast<const int16_t*>(capture),
-                         reinterpret_cast<const int16_t*>(capture) + cBytes / 2);
+        const auto* samples = reinterpret_cast<const int16_t*>(capture);
+        heard.insert(heard.end(), samples, samples + (capture ? cBytes / 2 : 0));
         int16_t* out = reinterpret_cast<int16_t*>(playback);
         for (int i = 0; i < pBytes / 2; ++i)
             out[i] = clientPlays(m_clientFrames + size_t(i / m_clientChannels), unsigned(i % m_clientChannels));
@@ -94,8 +83,7 @@ int DeviceTest::deliver(unsigned frames, bool withInput, bool withOutput)
     for (size_t i = 0; i < input.size(); ++i)
         input[i] = microphone(m_microphoneFrames + i / in, unsigned(i % in));
     m_microphoneFrames += frames;
-    const int result = fakecard::deliver(withOutput ? output.data() : nullptr, withInput ? input.data() : nullptr,
-                                         frames);
+    const int result = fakecard::deliver(withOutput ? output.data() : nullptr, withInput ? input.data() : nullptr, frames);
     if (withOutput)
         played.insert(played.end(), output.begin(), output.end());
     return result;

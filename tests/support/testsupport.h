@@ -12,6 +12,7 @@
 #include <boost/shared_ptr.hpp>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -19,11 +20,13 @@
 
 namespace testsupport {
 
-// Sample `frame` of channel `channel`.
 using Signal = std::function<int16_t(size_t frame, unsigned channel)>;
 // A different value for every frame and channel: a sample lost, repeated, moved or taken from the wrong channel shows.
 inline int16_t ramp(size_t frame, unsigned channel) { return int16_t(int((frame * 7 + channel * 5003) % 20000) - 10000); }
-Signal tone(double hz, double rateHz, double amplitude);
+inline Signal tone(double hz, double rateHz, double amplitude)
+{
+    return [=](size_t f, unsigned) { return int16_t(std::lround(amplitude * std::sin(2 * M_PI * hz * double(f) / rateHz))); };
+}
 // Amplitude of the `hz` component of one channel of interleaved samples (Goertzel).
 double toneLevel(const std::vector<int16_t>& samples, unsigned channels, unsigned channel, double hz, double rateHz);
 // A recording or speech file; empty when missing or not at `rateHz`.
