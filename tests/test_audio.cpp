@@ -43,8 +43,8 @@ protected:
     }
 };
 
-// At equal rates without voice processing every frame passes once, in order and bit for bit, both ways, whatever
-// the buffers; playback at most a period late.
+// At equal rates without voice processing (the stream says "off") every frame passes once, in order and bit for bit,
+// both ways, whatever the buffers; playback at most a period late.
 TEST_F(Audio, EveryFrameOnceAndInOrder)
 {
     std::mt19937 random(7);
@@ -78,6 +78,7 @@ TEST_F(Audio, EveryFrameOnceAndInOrder)
         for (size_t i = lag * out; i < played.size(); ++i)
             ASSERT_EQ(played[i], ramp(i / out - lag, unsigned(i % out))) << "played frame " << i / out;
         EXPECT_EQ(device->streamInfo().framesLost, 0u);
+        EXPECT_EQ(device->streamInfo().echoCancellation, row.voiceProcessing ? "standard" : "off");
     }
 }
 
@@ -194,8 +195,7 @@ TEST_F(Audio, RefusalsAndStalls)
 TEST_F(Audio, NoAllocationPerBuffer)
 {
     openCard(48000, 2, 2, config(16000, 20, 2, 2, true), true);
-    heard.reserve(1 << 21);   // room for what the client keeps
-    captureBytes.reserve(1 << 13);
+    heard.reserve(1 << 21), captureBytes.reserve(1 << 13);   // room for what the client keeps
     std::mt19937 random(3);
     std::vector<int16_t> in(6000 * 2), out(6000 * 2);
     for (int i = 0; i < 20; ++i)

@@ -77,7 +77,8 @@ TEST_F(Stream, OpeningOnCardsOfAllKinds)
         fresh();
         if (row.script)
             row.script(fakecard::card());
-        device = boost::make_shared<TAudio2UniversalDevice>(16000);   // not the fixture's: its end shows
+        // A failed open's device is not the fixture's, so that its end shows.
+        device = row.code ? boost::make_shared<TAudio2UniversalDevice>(16000) : makeDevice();
         boost::weak_ptr<TAudio2UniversalDevice> weak = device;
         std::string error = "untouched";
         ASSERT_EQ(open(row.conf, &error), row.code) << error;
@@ -108,7 +109,6 @@ TEST_F(Stream, OpeningOnCardsOfAllKinds)
             listed += (listed.empty() ? "" : ", ") + d->m_name + (d->m_type == TAudio2DeviceInfo::CAPTURE_DEVICE ?
                       " in" : " out") + (d->m_isDefault ? " default" : "") + " #" + std::to_string(d->m_deviceId);
         EXPECT_TRUE(!row.listed || listed == row.listed) << listed;
-        device->closeStream();
     }
 }
 
@@ -130,22 +130,11 @@ TEST_F(Stream, OneStreamPerDeviceUntilItIsClosed)
     const auto survivor = device.get();
     device.reset();
     ASSERT_FALSE(weak.expired()) << "an open device died with its client's pointer";
-    std::vector<int16_t> buffer(960);
-    EXPECT_EQ(fakecard::deliver(buffer.data(), buffer.data(), 960), 0);
+    EXPECT_EQ(deliver(960), 0);
 
     survivor->closeStream();
     EXPECT_TRUE(weak.expired() && heldByCallback.expired());
     EXPECT_FALSE(fakecard::card().streamOpen);
-
-    // Closing again, or with no stream, touches no card; the device opens again and runs.
-    device = makeDevice();
-    device->closeStream();
-    ASSERT_EQ(open(config()), 0);
-    device->closeStream(), device->closeStream();
-    ASSERT_EQ(open(config()), 0);
-    EXPECT_EQ(deliver(960), 0);
-    EXPECT_EQ(std::make_pair(fakecard::card().calls[Call::CloseStream], captureBytes),
-              std::make_pair(2, std::vector<int>{640}));
 }
 
 // What the environment chooses: the canceller's mode and the delay it is told (per period and output), the sound
@@ -195,10 +184,6 @@ TEST_F(Stream, WhatTheEnvironmentChooses)
         EXPECT_EQ(warningsStartingWith(row.warning ? row.warning : "TAUDIO2_"), row.warning ? 1 : 0);
     }
     unsetenv("PULSE_SERVER"), unsetenv("TAUDIO2_AEC"), unsetenv("TAUDIO2_API"), unsetenv("TAUDIO2_LATENCY");
-    fresh();
-    device = makeDevice(false);
-    ASSERT_EQ(open(config()), 0);
-    EXPECT_EQ(device->streamInfo().echoCancellation, "off");
 }
 
 // A card whose own thread calls back every 20 ms.
@@ -216,24 +201,28 @@ protected:
     {
         const auto start = Clock::now();
         device->closeStream();
-        return long(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-    }
-    static void serverGone(bool gone)
-    {
-        fakecard::locked([gone] { fakecard::card().failures[Call::OpenStream] = gone ? "server gone" : ""; });
+        return long((Clock::now() - start) / 1ms);
     }
 };
 
+void serverGone(bool gone) { fakecard::locked([gone] { fakecard::card().failures[Call::OpenStream] = gone ? "gone" : ""; }); }
+
+// Closing drains a delivering stream and aborts a stalled one; closing again touches no card, and the device opens
+// again.
 TEST_F(Lifecycle, CloseDrainsADeliveringStreamAndAbortsAStalledOne)
 {
     EXPECT_LT(timedCloseMs(), 1000);
     EXPECT_EQ(fakecard::card().calls[Call::StopStream], 1);
+    device->closeStream();
     ASSERT_EQ(open(config()), 0);
+    const int atReopen = calls;
+    ASSERT_TRUE(waitFor([&] { return calls > atReopen; })) << "the reopened stream does not run";
     fakecard::threadStalled = true;   // a drain would wait for a callback forever
     std::this_thread::sleep_for(300ms);
     EXPECT_LT(timedCloseMs(), 1000);
-    EXPECT_EQ(fakecard::card().calls[Call::AbortStream], 1);
-    EXPECT_FALSE(fakecard::card().streamOpen);
+    Card& card = fakecard::card();
+    EXPECT_EQ(std::make_tuple(card.calls[Call::AbortStream], card.calls[Call::CloseStream], card.streamOpen),
+              std::make_tuple(1, 2, false));
 }
 
 // Lost three ways, the stream is not called until the server is back and it is reopened, with a warning for each;
@@ -241,10 +230,8 @@ TEST_F(Lifecycle, CloseDrainsADeliveringStreamAndAbortsAStalledOne)
 TEST_F(Lifecycle, ALostStreamIsReopenedWhenTheServerIsBack)
 {
     const std::pair<const char*, std::atomic<bool>*> rows[] = {
-        {"buffers stopped coming", &fakecard::threadStalled},
-        {"the sound layer fails every buffer", &fakecard::threadFailing},
-        {"the sound layer stopped the stream", &fakecard::threadAborts},
-    };
+        {"buffers stopped coming", &fakecard::threadStalled}, {"the sound layer fails every buffer", &fakecard::threadFailing},
+        {"the sound layer stopped the stream", &fakecard::threadAborts}};
     uint64_t recoveries = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.first);
@@ -254,8 +241,8 @@ TEST_F(Lifecycle, ALostStreamIsReopenedWhenTheServerIsBack)
         std::this_thread::sleep_for(400ms);   // reopening fails meanwhile
         const int atLoss = calls;
         std::this_thread::sleep_for(200ms);
-        EXPECT_EQ(calls, atLoss) << "the client was called on a lost stream";
-        EXPECT_TRUE(device->streamInfo().open);
+        EXPECT_EQ(std::make_pair(int(calls), device->streamInfo().open), std::make_pair(atLoss, true))
+            << "the client was called on a lost stream, or it was closed";
 
         *row.second = false;
         serverGone(false);
@@ -264,7 +251,6 @@ TEST_F(Lifecycle, ALostStreamIsReopenedWhenTheServerIsBack)
                   std::make_pair(true, ++recoveries));
         EXPECT_EQ(warningsStartingWith(std::string("Universal device lost its stream (") + row.first + ")"), 1);
     }
-    EXPECT_EQ(warningsStartingWith("Universal device reopened its stream after "), 3);
 
     serverGone(true);
     fakecard::threadStalled = true;
@@ -273,8 +259,7 @@ TEST_F(Lifecycle, ALostStreamIsReopenedWhenTheServerIsBack)
     EXPECT_LT(timedCloseMs(), 1000);
     const int opens = fakecard::card().calls[Call::OpenStream];
     std::this_thread::sleep_for(700ms);
-    EXPECT_EQ(fakecard::card().calls[Call::OpenStream], opens);
-    EXPECT_FALSE(device->streamInfo().open);
+    EXPECT_EQ(std::make_pair(fakecard::card().calls[Call::OpenStream], device->streamInfo().open), std::make_pair(opens, false));
 }
 
 // A sound layer may cancel its thread inside a callback (a JACK client closing): the unwinding passes through the
@@ -286,7 +271,6 @@ TEST_F(Concurrency, ASoundLayerThreadCancelledInACallbackUnwinds)
     ASSERT_EQ(open(config()), 0);
     ASSERT_TRUE(waitFor([this] { return calls >= 10; })) << "the stream did not come back";
     EXPECT_EQ(device->streamInfo().recoveries, 1u);
-    device->closeStream();
 }
 
 TEST_F(Concurrency, CloseWaitsForARunningCallbackAndNoneStartsAfter)
@@ -320,8 +304,7 @@ TEST_F(Concurrency, StressManyDevicesOnManyThreads)
     const auto deadline = Clock::now() + std::chrono::duration<double>(env ? std::atof(env) : 2.0);
     fakecard::card().callbackThreadPauseUs = 1000;
     DebugStream::setLevel("audio2", -1);   // a minute of lines would only fill the captured log
-    std::atomic<int> cycles{0}, failedOpens{0}, lateCallbacks{0};
-    std::atomic<long> callbacks{0};
+    std::atomic<long> cycles{0}, lateCallbacks{0}, callbacks{0};
     std::vector<std::thread> workers;
     for (int t = 0; t < 6; ++t) {
         workers.emplace_back([&, t] {
@@ -330,11 +313,11 @@ TEST_F(Concurrency, StressManyDevicesOnManyThreads)
                 auto device = boost::make_shared<TAudio2UniversalDevice>(16000);
                 device->devices(TAudio2DeviceInfo::DeviceType(3));
                 auto closed = std::make_shared<std::atomic<bool>>(false);
-                failedOpens += device->openStream(confs[(t + n) % 3], [&, closed](const char*, int, char*, int, int) {
+                EXPECT_EQ(device->openStream(confs[(t + n) % 3], [&, closed](const char*, int, char*, int, int) {
                     lateCallbacks += closed->load();
                     ++callbacks;
                     return true;
-                }, nullptr) != 0;
+                }, nullptr), 0);
                 std::this_thread::sleep_for(std::chrono::milliseconds(n % 5));
                 device->closeStream();
                 closed->store(true);
@@ -344,8 +327,7 @@ TEST_F(Concurrency, StressManyDevicesOnManyThreads)
     }
     for (auto& w : workers)
         w.join();
-    printf("stress: %d open/close cycles, %ld callbacks\n", cycles.load(), callbacks.load());
-    EXPECT_EQ(failedOpens, 0);
+    printf("stress: %ld open/close cycles on 6 threads, %ld callbacks\n", cycles.load(), callbacks.load());
     EXPECT_EQ(lateCallbacks, 0) << "a frame callback ran after closeStream() returned";
     EXPECT_GT(callbacks, 0);
 }
