@@ -207,11 +207,16 @@ protected:
 
 void serverGone(bool gone) { fakecard::locked([gone] { fakecard::card().failures[Call::OpenStream] = gone ? "gone" : ""; }); }
 
-// Closing drains a delivering stream and aborts a stalled one; closing again touches no card, and the device opens
-// again.
+// A second open of other buffer sizes is refused while the stream runs on (had it resized the record, the running
+// callback would get, and the sanitizers see, periods of the wrong length). Closing drains a delivering stream and
+// aborts a stalled one; closing again touches no card, and the device opens again.
 TEST_F(Lifecycle, CloseDrainsADeliveringStreamAndAbortsAStalledOne)
 {
+    EXPECT_EQ(device->openStream(config(48000, 10, 2, 2), TAudio2FrameCallback(), nullptr), -4);
+    const int atRefusal = calls;
+    ASSERT_TRUE(waitFor([&] { return calls >= atRefusal + 5; })) << "the stream stopped after a refused open";
     EXPECT_LT(timedCloseMs(), 1000);
+    EXPECT_EQ(std::count(captureBytes.begin(), captureBytes.end(), 640), long(captureBytes.size()));
     EXPECT_EQ(fakecard::card().calls[Call::StopStream], 1);
     device->closeStream();
     ASSERT_EQ(open(config()), 0);
@@ -294,42 +299,6 @@ TEST_F(Concurrency, CloseWaitsForARunningCallbackAndNoneStartsAfter)
     // A buffer the sound layer still hands over after the close finds no stream.
     EXPECT_EQ(deliver(960), -1);
     EXPECT_EQ(calls, 1);
-}
-
-// Devices made, listed, opened and closed on six threads, each stream called back on its own
-// (TAUDIO2_STRESS_SECONDS runs it longer); ThreadSanitizer fails any race.
-TEST_F(Concurrency, StressManyDevicesOnManyThreads)
-{
-    const char* env = std::getenv("TAUDIO2_STRESS_SECONDS");
-    const auto deadline = Clock::now() + std::chrono::duration<double>(env ? std::atof(env) : 2.0);
-    fakecard::card().callbackThreadPauseUs = 1000;
-    DebugStream::setLevel("audio2", -1);   // a minute of lines would only fill the captured log
-    std::atomic<long> cycles{0}, lateCallbacks{0}, callbacks{0};
-    std::vector<std::thread> workers;
-    for (int t = 0; t < 6; ++t) {
-        workers.emplace_back([&, t] {
-            const TAudio2StreamConfiguration confs[] = {config(), config(48000, 10, 2, 1), config(8000, 20, 1, 0)};
-            for (int n = 0; Clock::now() < deadline; ++n) {
-                auto device = boost::make_shared<TAudio2UniversalDevice>(16000);
-                device->devices(TAudio2DeviceInfo::DeviceType(3));
-                auto closed = std::make_shared<std::atomic<bool>>(false);
-                EXPECT_EQ(device->openStream(confs[(t + n) % 3], [&, closed](const char*, int, char*, int, int) {
-                    lateCallbacks += closed->load();
-                    ++callbacks;
-                    return true;
-                }, nullptr), 0);
-                std::this_thread::sleep_for(std::chrono::milliseconds(n % 5));
-                device->closeStream();
-                closed->store(true);
-                ++cycles;
-            }
-        });
-    }
-    for (auto& w : workers)
-        w.join();
-    printf("stress: %ld open/close cycles on 6 threads, %ld callbacks\n", cycles.load(), callbacks.load());
-    EXPECT_EQ(lateCallbacks, 0) << "a frame callback ran after closeStream() returned";
-    EXPECT_GT(callbacks, 0);
 }
 
 // Exit with a stream open and calling back as fast as it can is clean (for the sanitizers).
