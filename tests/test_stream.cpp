@@ -113,7 +113,7 @@ TEST_F(Stream, OpeningOnCardsOfAllKinds)
 }
 
 // A second open is refused; the open device belongs to its stream, and closing releases the device, the callback
-// and the card's stream.
+// and the card's stream. Beside another device's stream, each device's buffers reach its own client.
 TEST_F(Stream, OneStreamPerDeviceUntilItIsClosed)
 {
     device = boost::make_shared<TAudio2UniversalDevice>(16000);
@@ -135,6 +135,14 @@ TEST_F(Stream, OneStreamPerDeviceUntilItIsClosed)
     survivor->closeStream();
     EXPECT_TRUE(weak.expired() && heldByCallback.expired());
     EXPECT_FALSE(fakecard::card().streamOpen);
+
+    ASSERT_EQ(open(config()), 0);
+    const fakecard::Opened first = fakecard::card().opened;
+    int otherCalls = 0;
+    ASSERT_EQ(makeDevice()->openStream(config(), [&](const char*, int, char*, int, int) { return ++otherCalls; }, nullptr), 0);
+    std::vector<int16_t> in(960), out(1920);
+    EXPECT_EQ(first.callback(out.data(), in.data(), 960, 0, 0, first.userData), 0);
+    EXPECT_EQ(std::make_pair(int(calls), otherCalls), std::make_pair(1, 0)) << "the other device's client was called";
 }
 
 // What the environment chooses: the canceller's mode and the delay it is told (per period and output), the sound
@@ -207,9 +215,8 @@ protected:
 
 void serverGone(bool gone) { fakecard::locked([gone] { fakecard::card().failures[Call::OpenStream] = gone ? "gone" : ""; }); }
 
-// A second open of other buffer sizes is refused while the stream runs on (had it resized the record, the running
-// callback would get, and the sanitizers see, periods of the wrong length). Closing drains a delivering stream and
-// aborts a stalled one; closing again touches no card, and the device opens again.
+// A second open of other sizes is refused while the stream runs on in its own (the sanitizers would see a resize).
+// Closing drains a delivering stream and aborts a stalled one; closing again touches no card; the device reopens.
 TEST_F(Lifecycle, CloseDrainsADeliveringStreamAndAbortsAStalledOne)
 {
     EXPECT_EQ(device->openStream(config(48000, 10, 2, 2), TAudio2FrameCallback(), nullptr), -4);
